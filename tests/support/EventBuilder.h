@@ -1,0 +1,108 @@
+// Builds real EVENT_RECORDs with extended data items, user data and a real
+// TRACE_EVENT_INFO schema, and a fake TDH binding that serves that schema, so
+// that the production decoding walks real offsets.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "trace/EtwTypes.h"
+#include "trace/TdhApi.h"
+
+namespace plmx::testing {
+
+struct PropertySpec {
+    std::wstring name;
+    uint16_t inType = 0;
+    uint16_t outType = 0;
+    std::vector<uint8_t> value;  // bytes TDH reports for the property
+    bool isStruct = false;       // sets the PropertyStruct flag
+};
+
+// Values in little-endian memory order.
+std::vector<uint8_t> Utf16Bytes(const std::wstring& text);  // with its terminating null
+std::vector<uint8_t> UInt16Bytes(uint16_t value);
+std::vector<uint8_t> UInt32Bytes(uint32_t value);
+std::vector<uint8_t> UInt64Bytes(uint64_t value);
+std::vector<uint8_t> SidBytes(const std::wstring& sidText);
+
+PropertySpec StringProperty(const std::wstring& name, const std::wstring& value);
+PropertySpec UInt32Property(const std::wstring& name, uint32_t value);
+
+// Parses "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}" or the unbraced form.
+GUID GuidFromText(const std::wstring& text);
+
+class EventBuilder {
+public:
+    EventBuilder();
+    ~EventBuilder();
+    EventBuilder(const EventBuilder&) = delete;
+    EventBuilder& operator=(const EventBuilder&) = delete;
+
+    // Header.
+    EventBuilder& Provider(const GUID& provider);
+    EventBuilder& Provider(const std::wstring& guidText);
+    EventBuilder& EventId(uint16_t id);
+    EventBuilder& Opcode(uint8_t opcode);
+    EventBuilder& Level(uint8_t level);
+    EventBuilder& ProcessId(uint32_t pid);
+    EventBuilder& ThreadId(uint32_t tid);
+    EventBuilder& Timestamp(uint64_t fileTime);
+    EventBuilder& ActivityId(const GUID& activity);
+
+    // Extended data items, in the order added.
+    EventBuilder& SessionId(uint32_t sessionId);          // a TS_ID item
+    EventBuilder& UserSid(const std::wstring& sidText);   // a SID item
+    EventBuilder& ExtendedItem(uint16_t type, std::vector<uint8_t> data);
+
+    // User data. Without it, the user data is the properties' values one
+    // after another.
+    EventBuilder& Payload(std::vector<uint8_t> bytes);
+
+    // Schema. An event gets a schema once any of these is called.
+    EventBuilder& ProviderName(const std::wstring& name);
+    EventBuilder& TaskName(const std::wstring& name);
+    EventBuilder& OpcodeName(const std::wstring& name);
+    EventBuilder& EventName(const std::wstring& name);
+    EventBuilder& RelatedName(const std::wstring& name);
+    EventBuilder& Message(const std::wstring& messageTemplate);
+    EventBuilder& Property(PropertySpec property);
+    EventBuilder& Property(const std::wstring& name, const std::wstring& value);  // UNICODESTRING
+
+    // The record; valid while the builder lives and is not changed.
+    const EVENT_RECORD& Record();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+// Serves the schema and property values of records made by an EventBuilder;
+// a record without a schema gets ERROR_NOT_FOUND. Can be told to fail.
+class FakeTdh : public logonmon::TdhApi {
+public:
+    uint32_t GetEventInformation(const EVENT_RECORD& event, TRACE_EVENT_INFO* buffer,
+                                 uint32_t* bufferSize) override;
+    uint32_t GetPropertySize(const EVENT_RECORD& event, const PROPERTY_DATA_DESCRIPTOR& descriptor,
+                             uint32_t* propertySize) override;
+    uint32_t GetProperty(const EVENT_RECORD& event, const PROPERTY_DATA_DESCRIPTOR& descriptor,
+                         uint32_t bufferSize, uint8_t* buffer) override;
+
+    uint32_t failPropertySizeWith = 0;  // non-zero: GetPropertySize answers this
+    uint32_t failPropertyWith = 0;      // non-zero: GetProperty answers this
+    int eventInformationCalls = 0;
+};
+
+// Installs a FakeTdh for its lifetime.
+class ScopedFakeTdh {
+public:
+    ScopedFakeTdh() : binding_(fake) {}
+    FakeTdh fake;
+
+private:
+    logonmon::ScopedTdhBinding binding_;
+};
+
+}  // namespace plmx::testing

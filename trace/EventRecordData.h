@@ -1,0 +1,80 @@
+// One decoded ETW event: the header fields the logon processor needs, a
+// private copy of the user data, the schema names and every top-level
+// property as text.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "trace/EtwTypes.h"
+#include "trace/Sid.h"
+
+namespace logonmon {
+
+struct SESSION_CONTEXT;
+
+// Orders property names without regard to ASCII case, character by
+// character; a key that is a prefix of a longer one sorts first.
+struct PropertyNameLess {
+    bool operator()(const std::wstring& left, const std::wstring& right) const;
+};
+
+using PropertyMap = std::map<std::wstring, std::wstring, PropertyNameLess>;
+
+class EventRecordData {
+public:
+    // Never fails on a missing schema; throws std::runtime_error
+    // ("GetValue failed", "GetValueAlloc failed") when a property's value
+    // cannot be read.
+    explicit EventRecordData(const EVENT_RECORD& record);
+
+    EventRecordData(const EventRecordData&) = delete;
+    EventRecordData& operator=(const EventRecordData&) = delete;
+
+    // "NONE", "CRITICAL", ... or the level as a decimal number.
+    std::wstring LevelName() const;
+    // "%04x-%04x-%d": process id, thread id, session id (or its override).
+    std::wstring LogPrefix() const;
+    // The message template with its inserts, or text built from the names.
+    std::wstring MessageText();
+
+    // Text of the name pointers into the schema; empty when absent.
+    std::wstring EventName() const;
+    std::wstring RelatedName() const;
+    std::wstring PropertyName(size_t index) const;
+
+    const TRACE_EVENT_INFO* EventInformation() const;
+
+    std::vector<uint8_t> userData;
+    uint32_t userDataLength = 0;
+    const uint32_t* sessionIdOverride = nullptr;
+    std::optional<Sid> userSid;
+    GUID activityId{};
+    GUID providerId{};
+    uint16_t eventId = 0;
+    uint32_t processId = 0;
+    uint32_t threadId = 0;
+    uint64_t timestamp = 0;
+    uint8_t level = 0;
+    uint8_t opcode = 0;
+    uint32_t sessionId = 0xFFFFFFFF;
+    std::unique_ptr<uint8_t[]> eventInformation;
+    uint32_t decodingSource = 0;
+    std::wstring providerName;
+    std::wstring taskName;
+    std::wstring opcodeName;
+    const WCHAR* eventName = nullptr;
+    const WCHAR* relatedName = nullptr;
+    const WCHAR* message = nullptr;
+    PropertyMap properties;
+    std::vector<const WCHAR*> propertyNames;
+
+    // The session this event belongs to, linked by the logon processor.
+    std::shared_ptr<SESSION_CONTEXT> sessionContext;
+};
+
+}  // namespace logonmon

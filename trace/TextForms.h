@@ -1,0 +1,36 @@
+// Text forms shared by decoding, the logon processor and the log writer.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "trace/EtwTypes.h"
+
+namespace logonmon {
+
+// "%04d-%02d-%02dT%02d:%02d:%02d:%03d%s" of a FILETIME (100 ns since 1601
+// UTC), in local time or in UTC with the suffix "Z"; "NULL" for 0.
+std::wstring TimestampText(uint64_t fileTime, bool local);
+
+// Upper-case GUID text, with or without braces.
+std::wstring GuidText(const GUID& guid, bool braces = true);
+
+// Calendar fields of a FILETIME in UTC.
+SYSTEMTIME FileTimeToUtcSystemTime(uint64_t fileTime);
+// The same instant in the machine's current time zone.
+SYSTEMTIME UtcToLocalSystemTime(const SYSTEMTIME& utc);
+// SystemTimeToFileTime: false for fields out of range.
+bool SystemTimeToFileTimeValue(const SYSTEMTIME& time, uint64_t* fileTime);
+
+// UTF-16 text, up to its first null or `maxUnits`, as a wide string.
+std::wstring WideFromUtf16(const char16_t* text, size_t maxUnits = SIZE_MAX);
+#ifdef _WIN32
+std::wstring WideFromUtf16(const WCHAR* text, size_t maxUnits = SIZE_MAX);
+#endif
+// Narrow text in the thread's ANSI code page as a wide string.
+std::wstring WideFromAnsi(const char* text);
+// Wide text as UTF-8 (narrow log lines).
+std::string Utf8FromWide(const std::wstring& text);
+
+}  // namespace logonmon
