@@ -1,0 +1,282 @@
+#include "trace/EventRecordData.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <cwctype>
+
+#include "trace/EventSchema.h"
+#include "trace/PropertyValueText.h"
+#include "trace/TextForms.h"
+
+namespace logonmon {
+
+namespace {
+
+// Microsoft-Windows-Winlogon
+constexpr GUID kWinlogonProvider = {
+    0xDBE9B383, 0x7CF3, 0x4331, {0x91, 0xCC, 0xA3, 0xCB, 0x16, 0xA3, 0xB5, 0x38}};
+
+constexpr wchar_t kWhiteSpace[] = L" \t\r\n\v\f";
+
+// Only ASCII letters fold, as the narrow tolower does.
+wchar_t FoldCase(wchar_t c) {
+    return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c + 32) : c;
+}
+
+bool SameName(const std::wstring& left, const std::wstring& right) {
+    return left.size() == right.size() &&
+           std::equal(left.begin(), left.end(), right.begin(),
+                      [](wchar_t a, wchar_t b) { return FoldCase(a) == FoldCase(b); });
+}
+
+bool SameGuid(const GUID& left, const GUID& right) {
+    return std::memcmp(&left, &right, sizeof(GUID)) == 0;
+}
+
+std::wstring Trimmed(const std::wstring& text) {
+    const size_t first = text.find_first_not_of(kWhiteSpace);
+    if (first == std::wstring::npos) {
+        return std::wstring();
+    }
+    const size_t last = text.find_last_not_of(kWhiteSpace);
+    return text.substr(first, last - first + 1);
+}
+
+std::wstring TextAt(const WCHAR* text) {
+    return WideFromUtf16(text);
+}
+
+const uint8_t* ExtendedDataBytes(const EVENT_HEADER_EXTENDED_DATA_ITEM& item) {
+    return reinterpret_cast<const uint8_t*>(static_cast<uintptr_t>(item.DataPtr));
+}
+
+// The session id of a TS_ID item; items too short for it are ignored.
+std::optional<uint32_t> TerminalSessionId(const EVENT_HEADER_EXTENDED_DATA_ITEM& item) {
+    if (item.ExtType != etw::kExtTypeTsId || item.DataPtr == 0 ||
+        item.DataSize < sizeof(uint32_t)) {
+        return std::nullopt;
+    }
+    uint32_t sessionId = 0;
+    std::memcpy(&sessionId, ExtendedDataBytes(item), sizeof sessionId);
+    return sessionId;
+}
+
+// The SID of a SID item. An item whose SID declares a length other than the
+// item's own size is ignored: it cannot be told which of the two is wrong.
+std::optional<Sid> UserSid(const EVENT_HEADER_EXTENDED_DATA_ITEM& item) {
+    if (item.ExtType != etw::kExtTypeSid || item.DataPtr == 0 ||
+        SidLengthFromHeader(ExtendedDataBytes(item), item.DataSize) != item.DataSize) {
+        return std::nullopt;
+    }
+    return Sid::FromBytes(ExtendedDataBytes(item), item.DataSize);
+}
+
+void DecodeSchema(EventRecordData& data, const EVENT_RECORD& record) {
+    TdhApi& tdh = CurrentTdh();
+    EventSchemaBuffer schema = QueryEventSchema(record, tdh);
+    if (schema.bytes == nullptr) {
+        return;
+    }
+    const TRACE_EVENT_INFO& info = *schema.Info();
+    data.decodingSource = static_cast<uint32_t>(info.DecodingSource);
+    data.providerName = TextAt(SchemaText(schema, info.ProviderNameOffset));
+    data.taskName = TextAt(SchemaText(schema, info.TaskNameOffset));
+    data.opcodeName = Trimmed(TextAt(SchemaText(schema, info.OpcodeNameOffset)));
+    // The slots of the event name and the related name carry the older
+    // activity-id names in some SDKs.
+    data.eventName = SchemaText(schema, info.ActivityIDNameOffset);
+    if (data.eventName != nullptr) {
+        data.properties[L"name"] = TextAt(data.eventName);
+    }
+    data.relatedName = SchemaText(schema, info.RelatedActivityIDNameOffset);
+    if (data.relatedName != nullptr) {
+        data.properties[L"related"] = TextAt(data.relatedName);
+    }
+    data.message = SchemaText(schema, info.EventMessageOffset);
+
+    // Entries that do not lie inside the returned buffer are not read.
+    const uint32_t count = TopLevelPropertiesInBuffer(schema);
+    data.propertyNames.assign(count, nullptr);
+    const bool winlogon = SameGuid(data.providerId, kWinlogonProvider);
+    for (uint32_t i = 0; i < count; ++i) {
+        const EVENT_PROPERTY_INFO& property = info.EventPropertyInfoArray[i];
+        if ((static_cast<uint32_t>(property.Flags) & etw::kPropertyStruct) != 0) {
+            continue;
+        }
+        const WCHAR* name = SchemaText(schema, property.NameOffset);
+        if (name == nullptr) {
+            continue;  // a property without a name cannot be asked for
+        }
+        const std::wstring key = TextAt(name);
+        const PropertyReader reader(tdh, record, name);
+        data.properties[key] = Trimmed(PropertyValueText(reader, property.nonStructType.InType,
+                                                         property.nonStructType.OutType,
+                                                         winlogon && SameName(key, L"Event")));
+        data.propertyNames[i] = name;
+    }
+    data.eventInformation = std::move(schema.bytes);
+}
+
+std::wstring ExpandMessageTemplate(EventRecordData& data) {
+    std::wstring text;
+    if (data.eventInformation == nullptr || data.message == nullptr) {
+        return text;
+    }
+    const std::wstring pattern = TextAt(data.message);
+    for (size_t i = 0; i < pattern.size(); ++i) {
+        const wchar_t c = pattern[i];
+        if (c == L'\r') {
+            continue;
+        }
+        if (c == L'\n') {
+            text.push_back(L' ');
+            continue;
+        }
+        if (c != L'%') {
+            text.push_back(c);
+            continue;
+        }
+        if (i + 1 < pattern.size() && pattern[i + 1] == L'%') {
+            text.push_back(L'%');
+            ++i;
+            continue;
+        }
+        size_t end = i + 1;
+        uint64_t insert = 0;
+        for (; end < pattern.size() && pattern[end] >= L'0' && pattern[end] <= L'9'; ++end) {
+            insert = std::min<uint64_t>(insert * 10 + static_cast<uint64_t>(pattern[end] - L'0'),
+                                        UINT32_MAX);
+        }
+        if (insert == 0) {
+            continue;  // a lone '%' (or "%0") gives nothing; what follows is copied
+        }
+        // Inserts beyond the properties, or naming a structure, stay empty.
+        if (insert <= data.propertyNames.size() && data.propertyNames[insert - 1] != nullptr) {
+            text += data.properties[TextAt(data.propertyNames[insert - 1])];
+        }
+        i = end - 1;
+    }
+    return text;
+}
+
+std::wstring DescriptionFromNames(const EventRecordData& data) {
+    std::wstring description = data.taskName;
+    const auto name = data.properties.find(L"name");
+    if (name != data.properties.end() && name->second != data.taskName) {
+        if (description.size() > 1) {
+            description += L" ";
+        }
+        description += L"Name: " + name->second;
+    }
+    for (const auto& [key, value] : data.properties) {
+        if (SameName(key, L"Opcode") || SameName(key, L"Task") || SameName(key, L"name")) {
+            continue;
+        }
+        if (description.size() > 1) {
+            description += L", ";
+        }
+        if (!value.empty() && std::iswprint(static_cast<wint_t>(value[0]))) {
+            description += key + L": " + value;
+        }
+    }
+    return data.opcodeName.empty() ? description : data.opcodeName + L" " + description;
+}
+
+}  // namespace
+
+bool PropertyNameLess::operator()(const std::wstring& left, const std::wstring& right) const {
+    return std::lexicographical_compare(
+        left.begin(), left.end(), right.begin(), right.end(), [](wchar_t a, wchar_t b) {
+            return static_cast<uint32_t>(FoldCase(a)) < static_cast<uint32_t>(FoldCase(b));
+        });
+}
+
+EventRecordData::EventRecordData(const EVENT_RECORD& record) {
+    const EVENT_HEADER& header = record.EventHeader;
+    providerId = header.ProviderId;
+    processId = header.ProcessId;
+    threadId = header.ThreadId;
+    timestamp = static_cast<uint64_t>(header.TimeStamp.QuadPart);
+    activityId = header.ActivityId;
+    level = header.EventDescriptor.Level;
+    opcode = header.EventDescriptor.Opcode;
+    eventId = header.EventDescriptor.Id;
+
+    // Items are read only within their DataSize and never through a null
+    // pointer; malformed ones are skipped.
+    const size_t itemCount = record.ExtendedData != nullptr ? record.ExtendedDataCount : 0;
+    for (size_t i = 0; i < itemCount; ++i) {
+        if (const auto id = TerminalSessionId(record.ExtendedData[i])) {
+            sessionId = *id;
+            break;
+        }
+    }
+    for (size_t i = 0; i < itemCount; ++i) {
+        const EVENT_HEADER_EXTENDED_DATA_ITEM& item = record.ExtendedData[i];
+        if (const auto id = TerminalSessionId(item)) {
+            sessionId = *id;
+        } else if (auto sid = UserSid(item)) {
+            userSid = std::move(sid);
+        }
+    }
+
+    DecodeSchema(*this, record);
+
+    // A length without data gives an empty buffer and a length of 0.
+    if (record.UserData != nullptr && record.UserDataLength > 0) {
+        const auto* bytes = static_cast<const uint8_t*>(record.UserData);
+        userData.assign(bytes, bytes + record.UserDataLength);
+    }
+    userDataLength = static_cast<uint32_t>(userData.size());
+}
+
+const TRACE_EVENT_INFO* EventRecordData::EventInformation() const {
+    return reinterpret_cast<const TRACE_EVENT_INFO*>(eventInformation.get());
+}
+
+std::wstring EventRecordData::EventName() const {
+    return TextAt(eventName);
+}
+
+std::wstring EventRecordData::RelatedName() const {
+    return TextAt(relatedName);
+}
+
+std::wstring EventRecordData::PropertyName(size_t index) const {
+    return index < propertyNames.size() ? TextAt(propertyNames[index]) : std::wstring();
+}
+
+std::wstring EventRecordData::LevelName() const {
+    switch (level) {
+        case 0:
+            return L"NONE";
+        case 1:
+            return L"CRITICAL";
+        case 2:
+            return L"ERROR";
+        case 3:
+            return L"WARN";
+        case 4:
+            return L"INFO";
+        case 5:
+            return L"VERBOSE";
+        default:
+            return std::to_wstring(level);
+    }
+}
+
+std::wstring EventRecordData::LogPrefix() const {
+    const uint32_t session = sessionIdOverride != nullptr ? *sessionIdOverride : sessionId;
+    char text[48];
+    std::snprintf(text, sizeof text, "%04x-%04x-%d", processId, threadId,
+                  static_cast<int>(session));
+    return std::wstring(text, text + std::strlen(text));
+}
+
+std::wstring EventRecordData::MessageText() {
+    std::wstring text = ExpandMessageTemplate(*this);
+    return text.empty() ? DescriptionFromNames(*this) : text;
+}
+
+}  // namespace logonmon

@@ -1,0 +1,120 @@
+#include "trace/PropertyValueText.h"
+
+#include <array>
+#include <cstring>
+
+#include "trace/Sid.h"
+#include "trace/TextForms.h"
+
+namespace logonmon {
+
+namespace {
+
+constexpr std::array<const wchar_t*, 14> kWinlogonNotifications = {
+    L"CreateSession", L"TerminateSession", L"Login",        L"Logoff",     L"Lock",
+    L"Unlock",        L"StartSSAsUser",    L"StopSSAsUser", L"Disconnect", L"Reconnect",
+    L"StartSSAsNone", L"StopSSAsNone",     L"StartShell",   L"EndShell"};
+
+std::wstring HexBytes(const uint8_t* bytes, size_t size) {
+    static constexpr wchar_t kDigits[] = L"0123456789abcdef";
+    std::wstring text;
+    text.reserve(2 * size);
+    for (size_t i = 0; i < size; ++i) {
+        text.push_back(kDigits[bytes[i] >> 4]);
+        text.push_back(kDigits[bytes[i] & 0xF]);
+    }
+    return text;
+}
+
+// The address as inet_ntoa writes it: the bytes in memory order.
+std::wstring Ipv4Text(uint32_t address) {
+    uint8_t bytes[4];
+    std::memcpy(bytes, &address, sizeof bytes);
+    return std::to_wstring(bytes[0]) + L"." + std::to_wstring(bytes[1]) + L"." +
+           std::to_wstring(bytes[2]) + L"." + std::to_wstring(bytes[3]);
+}
+
+std::wstring UnicodeText(const PropertyBytes& value) {
+    std::u16string units(value.size() / sizeof(char16_t), u'\0');
+    std::memcpy(units.data(), value.data(), units.size() * sizeof(char16_t));
+    return WideFromUtf16(units.data(), units.size());
+}
+
+std::wstring SidText(const PropertyBytes& value) {
+    const std::optional<Sid> sid = Sid::FromBytes(value.data(), value.size());
+    return sid ? sid->ToString() : std::wstring();
+}
+
+std::wstring SystemTimeText(const SYSTEMTIME& time) {
+    uint64_t fileTime = 0;
+    // Fields out of range give no text rather than an invented date.
+    return SystemTimeToFileTimeValue(time, &fileTime) ? TimestampText(fileTime, true)
+                                                      : std::wstring();
+}
+
+}  // namespace
+
+// The reader decides the signedness: bytes and 16-bit values are
+// zero-extended, 32- and 64-bit integers are written unsigned whatever the
+// in-type, and only BOOLEAN is written signed.
+std::wstring PropertyValueText(const PropertyReader& reader, uint16_t inType, uint16_t outType,
+                               bool winlogonNotification) {
+    using namespace etw;
+    switch (inType) {
+        case kInTypeUnicodeString:
+            return UnicodeText(reader.ReadAllocated());
+        case kInTypeAnsiString:
+            return WideFromAnsi(reinterpret_cast<const char*>(reader.ReadAllocated().data()));
+        case kInTypeInt8:
+        case kInTypeUInt8:
+            return std::to_wstring(reader.ReadFixed<uint8_t>());
+        case kInTypeInt16:
+        case kInTypeUInt16: {
+            uint16_t value = reader.ReadFixed<uint16_t>();
+            if (outType == kOutTypePort) {
+                value = static_cast<uint16_t>(value >> 8 | value << 8);
+            }
+            return std::to_wstring(value);
+        }
+        case kInTypeInt32:
+        case kInTypeUInt32: {
+            const uint32_t value = reader.ReadFixed<uint32_t>();
+            if (winlogonNotification && inType == kInTypeUInt32 &&
+                value < kWinlogonNotifications.size()) {
+                return kWinlogonNotifications[value];
+            }
+            return outType == kOutTypeIpv4 ? Ipv4Text(value) : std::to_wstring(value);
+        }
+        case kInTypeInt64:
+        case kInTypeUInt64:
+        case kInTypePointer:
+            return std::to_wstring(reader.ReadFixed<uint64_t>());
+        case kInTypeFloat:
+            return std::to_wstring(static_cast<double>(reader.ReadFixed<float>()));
+        case kInTypeDouble:
+            return std::to_wstring(reader.ReadFixed<double>());
+        case kInTypeBoolean:
+            return std::to_wstring(static_cast<int32_t>(reader.ReadFixed<uint32_t>()));
+        case kInTypeGuid:
+            return GuidText(reader.ReadFixed<GUID>(), true);
+        case kInTypeFileTime:
+            return TimestampText(reader.ReadFixed<uint64_t>(), true);
+        case kInTypeSystemTime:
+            return SystemTimeText(reader.ReadFixed<SYSTEMTIME>());
+        case kInTypeSid:
+            return SidText(reader.ReadAllocated());
+        case kInTypeBinary:
+        case kInTypeHexInt32:
+        case kInTypeHexInt64:
+        case kInTypeCountedString:
+        case kInTypeCountedAnsiString:
+        case kInTypeHexDump: {
+            const PropertyBytes value = reader.ReadAllocated();
+            return HexBytes(value.data(), value.size());
+        }
+        default:
+            return std::wstring();
+    }
+}
+
+}  // namespace logonmon

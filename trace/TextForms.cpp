@@ -1,0 +1,193 @@
+#include "trace/TextForms.h"
+
+#include <cstdio>
+
+namespace logonmon {
+
+namespace {
+
+constexpr uint64_t kTicksPerMillisecond = 10'000;
+constexpr uint64_t kTicksPerSecond = 10'000'000;
+constexpr uint64_t kSecondsPerDay = 86'400;
+// Days from 1601-01-01 (the FILETIME epoch) to 1970-01-01.
+constexpr int64_t kDaysFrom1601To1970 = 134'774;
+
+// Proleptic Gregorian calendar arithmetic on days since 1970-01-01.
+int64_t DaysFromCivil(int64_t year, unsigned month, unsigned day) {
+    year -= month <= 2 ? 1 : 0;
+    const int64_t era = (year >= 0 ? year : year - 399) / 400;
+    const unsigned yearOfEra = static_cast<unsigned>(year - era * 400);
+    const unsigned dayOfYear = (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
+    const unsigned dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
+    return era * 146097 + static_cast<int64_t>(dayOfEra) - 719468;
+}
+
+void CivilFromDays(int64_t days, int64_t* year, unsigned* month, unsigned* day) {
+    days += 719468;
+    const int64_t era = (days >= 0 ? days : days - 146096) / 146097;
+    const unsigned dayOfEra = static_cast<unsigned>(days - era * 146097);
+    const unsigned yearOfEra =
+        (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const unsigned dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const unsigned monthIndex = (5 * dayOfYear + 2) / 153;
+    *day = dayOfYear - (153 * monthIndex + 2) / 5 + 1;
+    *month = monthIndex < 10 ? monthIndex + 3 : monthIndex - 9;
+    *year = static_cast<int64_t>(yearOfEra) + era * 400 + (*month <= 2 ? 1 : 0);
+}
+
+bool IsLeapYear(unsigned year) {
+    return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+}
+
+unsigned DaysInMonth(unsigned year, unsigned month) {
+    static constexpr unsigned kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    return month == 2 && IsLeapYear(year) ? 29 : kDays[month - 1];
+}
+
+std::wstring WideFromAscii(const char* text) {
+    std::wstring wide;
+    for (; *text != '\0'; ++text) {
+        wide.push_back(static_cast<wchar_t>(static_cast<unsigned char>(*text)));
+    }
+    return wide;
+}
+
+}  // namespace
+
+SYSTEMTIME FileTimeToUtcSystemTime(uint64_t fileTime) {
+    const uint64_t seconds = fileTime / kTicksPerSecond;
+    const uint64_t daysSince1601 = seconds / kSecondsPerDay;
+    const uint64_t secondOfDay = seconds % kSecondsPerDay;
+    int64_t year = 0;
+    unsigned month = 0;
+    unsigned day = 0;
+    CivilFromDays(static_cast<int64_t>(daysSince1601) - kDaysFrom1601To1970, &year, &month, &day);
+
+    SYSTEMTIME time{};
+    time.wYear = static_cast<uint16_t>(year);
+    time.wMonth = static_cast<uint16_t>(month);
+    // 1601-01-01 was a Monday.
+    time.wDayOfWeek = static_cast<uint16_t>((daysSince1601 + 1) % 7);
+    time.wDay = static_cast<uint16_t>(day);
+    time.wHour = static_cast<uint16_t>(secondOfDay / 3600);
+    time.wMinute = static_cast<uint16_t>(secondOfDay / 60 % 60);
+    time.wSecond = static_cast<uint16_t>(secondOfDay % 60);
+    time.wMilliseconds = static_cast<uint16_t>(fileTime / kTicksPerMillisecond % 1000);
+    return time;
+}
+
+bool SystemTimeToFileTimeValue(const SYSTEMTIME& time, uint64_t* fileTime) {
+    if (time.wYear < 1601 || time.wYear > 30827 || time.wMonth < 1 || time.wMonth > 12 ||
+        time.wDay < 1 || time.wDay > DaysInMonth(time.wYear, time.wMonth) || time.wHour > 23 ||
+        time.wMinute > 59 || time.wSecond > 59 || time.wMilliseconds > 999) {
+        return false;
+    }
+    const int64_t daysSince1601 =
+        DaysFromCivil(time.wYear, time.wMonth, time.wDay) + kDaysFrom1601To1970;
+    const uint64_t seconds = static_cast<uint64_t>(daysSince1601) * kSecondsPerDay +
+                             time.wHour * 3600u + time.wMinute * 60u + time.wSecond;
+    *fileTime = seconds * kTicksPerSecond + time.wMilliseconds * kTicksPerMillisecond;
+    return true;
+}
+
+std::wstring TimestampText(uint64_t fileTime, bool local) {
+    if (fileTime == 0) {
+        return L"NULL";
+    }
+    SYSTEMTIME time = FileTimeToUtcSystemTime(fileTime);
+    if (local) {
+        time = UtcToLocalSystemTime(time);
+    }
+    char text[64];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d:%03d%s", time.wYear,
+                  time.wMonth, time.wDay, time.wHour, time.wMinute, time.wSecond,
+                  time.wMilliseconds, local ? "" : "Z");
+    return WideFromAscii(text);
+}
+
+std::wstring GuidText(const GUID& guid, bool braces) {
+    char text[40];
+    std::snprintf(text, sizeof text, "%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X",
+                  static_cast<unsigned>(guid.Data1), guid.Data2, guid.Data3, guid.Data4[0],
+                  guid.Data4[1], guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5],
+                  guid.Data4[6], guid.Data4[7]);
+    const std::wstring bare = WideFromAscii(text);
+    return braces ? L"{" + bare + L"}" : bare;
+}
+
+std::wstring WideFromUtf16(const char16_t* text, size_t maxUnits) {
+    std::wstring wide;
+    if (text == nullptr) {
+        return wide;
+    }
+    for (size_t i = 0; i < maxUnits && text[i] != u'\0'; ++i) {
+        const char16_t unit = text[i];
+        if constexpr (sizeof(wchar_t) == 2) {
+            wide.push_back(static_cast<wchar_t>(unit));
+        } else {
+            const bool highSurrogate = unit >= 0xD800 && unit <= 0xDBFF;
+            if (highSurrogate && i + 1 < maxUnits && text[i + 1] >= 0xDC00 &&
+                text[i + 1] <= 0xDFFF) {
+                const char32_t codePoint =
+                    0x10000 + ((char32_t{unit} - 0xD800) << 10) + (char32_t{text[i + 1]} - 0xDC00);
+                wide.push_back(static_cast<wchar_t>(codePoint));
+                ++i;
+            } else {
+                // An unpaired surrogate is kept as it stands.
+                wide.push_back(static_cast<wchar_t>(unit));
+            }
+        }
+    }
+    return wide;
+}
+
+#ifdef _WIN32
+std::wstring WideFromUtf16(const WCHAR* text, size_t maxUnits) {
+    std::wstring wide;
+    if (text == nullptr) {
+        return wide;
+    }
+    for (size_t i = 0; i < maxUnits && text[i] != L'\0'; ++i) {
+        wide.push_back(text[i]);
+    }
+    return wide;
+}
+#endif
+
+std::string Utf8FromWide(const std::wstring& text) {
+    std::string utf8;
+    for (size_t i = 0; i < text.size(); ++i) {
+        char32_t codePoint = static_cast<char32_t>(text[i]);
+        if constexpr (sizeof(wchar_t) == 2) {
+            codePoint &= 0xFFFF;
+            if (codePoint >= 0xD800 && codePoint <= 0xDBFF && i + 1 < text.size()) {
+                const char32_t low = static_cast<char32_t>(text[i + 1]) & 0xFFFF;
+                if (low >= 0xDC00 && low <= 0xDFFF) {
+                    codePoint = 0x10000 + ((codePoint - 0xD800) << 10) + (low - 0xDC00);
+                    ++i;
+                }
+            }
+        }
+        if ((codePoint >= 0xD800 && codePoint <= 0xDFFF) || codePoint > 0x10FFFF) {
+            codePoint = 0xFFFD;  // not encodable
+        }
+        if (codePoint < 0x80) {
+            utf8.push_back(static_cast<char>(codePoint));
+        } else if (codePoint < 0x800) {
+            utf8.push_back(static_cast<char>(0xC0 | (codePoint >> 6)));
+            utf8.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
+        } else if (codePoint < 0x10000) {
+            utf8.push_back(static_cast<char>(0xE0 | (codePoint >> 12)));
+            utf8.push_back(static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F)));
+            utf8.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
+        } else {
+            utf8.push_back(static_cast<char>(0xF0 | (codePoint >> 18)));
+            utf8.push_back(static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F)));
+            utf8.push_back(static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F)));
+            utf8.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
+        }
+    }
+    return utf8;
+}
+
+}  // namespace logonmon
