@@ -21,6 +21,10 @@ void LogMessageV(FILE** target, uint32_t level, const wchar_t* function, const c
                  va_list args);
 
 bool OpenMainLog();
+// Flushes and closes the main log; later lines go to standard output.
+void CloseMainLog();
+// Full path of the main log, empty before it was first opened.
+std::wstring MainLogPath();
 bool OpenLog(const std::wstring& path, SessionLog& sessionLog);
 void RollMainLog();
 void CloseSessionLog(SessionLog& sessionLog);
