@@ -1,0 +1,137 @@
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/Settings.h"
+#include "log/LogWriter.h"
+#include "log/SessionLog.h"
+#include "logonmon/CurrentRecord.h"
+#include "logonmon/SessionContext.h"
+#include "tests/support/EventBuilder.h"
+#include "tests/support/LogFiles.h"
+#include "trace/EventRecordData.h"
+
+using logonmon::EventRecordData;
+using logonmon::ScopedCurrentRecord;
+using logonmon::SESSION_CONTEXT;
+using plmx::testing::EventBuilder;
+using plmx::testing::Messages;
+using plmx::testing::Narrow;
+using plmx::testing::ReadLines;
+using plmx::testing::ScopedFakeTdh;
+using plmx::testing::ScopedMainLog;
+using plmx::testing::TempFolder;
+
+namespace {
+
+// 2024-03-05 06:07:08.009 UTC.
+constexpr SYSTEMTIME kEventUtc = {2024, 3, 2, 5, 6, 7, 8, 9};
+
+uint64_t EventFileTime() {
+    FILETIME fileTime;
+    SystemTimeToFileTime(&kEventUtc, &fileTime);
+    return (static_cast<uint64_t>(fileTime.dwHighDateTime) << 32) | fileTime.dwLowDateTime;
+}
+
+std::string EventLocalTimestamp() {
+    SYSTEMTIME local;
+    SystemTimeToTzSpecificLocalTime(nullptr, &kEventUtc, &local);
+    char text[32];
+    snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03d", local.wYear, local.wMonth,
+             local.wDay, local.wHour, local.wMinute, local.wSecond, local.wMilliseconds);
+    return text;
+}
+
+class LogRoutingTest : public ::testing::Test {
+  protected:
+    LogRoutingTest() { logonmon::AllocateCurrentRecordSlot(); }
+
+    std::unique_ptr<EventRecordData> Record(uint8_t level, const std::wstring& providerName) {
+        EventBuilder builder;
+        builder.Provider(L"{DBE9B383-7CF3-4331-91CC-A3CB16A3B538}")
+            .EventId(5)
+            .Level(level)
+            .ProcessId(0x1a2b)
+            .ThreadId(0x3c)
+            .Timestamp(EventFileTime());
+        if (!providerName.empty()) {
+            builder.ProviderName(providerName);
+        }
+        return std::make_unique<EventRecordData>(builder.Record());
+    }
+
+    // The main log's lines after its first, "Opened main log" line.
+    std::vector<std::string> MainLines() {
+        std::vector<std::string> lines = ReadLines(mainLog_.Path());
+        lines.erase(lines.begin());
+        return lines;
+    }
+
+    ScopedFakeTdh tdh_;
+    TempFolder folder_;
+    ScopedMainLog mainLog_{folder_.Path()};
+    std::shared_ptr<SESSION_CONTEXT> session_ = std::make_shared<SESSION_CONTEXT>();
+};
+
+TEST_F(LogRoutingTest, EventOfASessionWithAnOpenLogGoesToThatLog) {
+    session_->sessionId = 3;
+    const std::shared_ptr<SessionLog> sessionLog = SessionLogOf(*session_);
+    const std::wstring path = folder_.Path() + L"plmx_session_" + sessionLog->logId + L"_3.txt";
+    ASSERT_TRUE(OpenLog(path, *sessionLog));
+    const auto record = Record(4, L"Microsoft-Windows-Winlogon");
+    record->sessionContext = session_;
+    record->sessionIdOverride = &session_->sessionId;
+    {
+        ScopedCurrentRecord current(record.get());
+        LogMessage(nullptr, LOG_LEVEL_TRACE, L"Routing::Test", "handled %ws", L"logon");
+    }
+    LogMessage(nullptr, LOG_LEVEL_TRACE, L"Routing::Test", "not an event");
+
+    EXPECT_EQ(ReadLines(path),
+              std::vector<std::string>{EventLocalTimestamp() +
+                                       " INFO (1a2b-003c-3) [0005] [Microsoft-Windows-Winlogon] "
+                                       "handled logon"});
+    EXPECT_EQ(Messages(MainLines()),
+              (std::vector<std::string>{"Created Folder: " + Narrow(Settings::Instance().LogPath),
+                                        "not an event"}));
+    CloseSessionLog(*sessionLog);
+}
+
+TEST_F(LogRoutingTest, SessionGetsALogRecordEvenFromFilteredLines) {
+    session_->sessionId = 7;
+    const auto record = Record(5, L"Microsoft-Windows-User Profiles Service");
+    record->sessionContext = session_;
+    record->sessionIdOverride = &session_->sessionId;
+    ScopedCurrentRecord current(record.get());
+
+    Settings::Instance().LogLevel = 0;
+    LogMessage(nullptr, LOG_LEVEL_INFO, L"Routing::Test", "filtered");
+    ASSERT_TRUE(session_->sessionLog);
+    EXPECT_EQ(session_->sessionLog->stream, nullptr);
+    EXPECT_EQ(session_->sessionLog->logId.size(), 36u);
+
+    // Without an open session log the session's lines go to the main log.
+    Settings::Instance().LogLevel = 0x1F;
+    LogMessage(nullptr, LOG_LEVEL_INFO, L"Routing::Test", "kept");
+    EXPECT_EQ(MainLines(),
+              std::vector<std::string>{EventLocalTimestamp() +
+                                       " VERBOSE (1a2b-003c-7) [0005] "
+                                       "[Microsoft-Windows-User Profiles Service] kept"});
+}
+
+TEST_F(LogRoutingTest, EventWithoutSessionOrProviderNameNamesTheFunction) {
+    const auto record = Record(2, L"");
+    {
+        ScopedCurrentRecord current(record.get());
+        LogMessage(nullptr, LOG_LEVEL_INFO, L"Routing::Test", "unbound");
+    }
+    EXPECT_EQ(MainLines(),
+              std::vector<std::string>{EventLocalTimestamp() + " ERROR (1a2b-003c--1) [0005] "
+                                                               "[Routing::Test] unbound"});
+}
+
+}  // namespace

@@ -1,0 +1,86 @@
+// Test helpers for the log writer: temporary folders, log files read back
+// byte for byte, parsed log lines, captured standard output.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/Settings.h"
+
+namespace plmx::testing {
+
+// A new folder under the temporary directory, removed with its contents
+// when the object goes.
+class TempFolder {
+  public:
+    TempFolder();
+    ~TempFolder();
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+
+    // Ends in a backslash.
+    const std::wstring& Path() const { return path_; }
+
+  private:
+    std::wstring path_;
+};
+
+// Points the process-wide settings at `folder` with every level on and the
+// given size limit, and opens the main log there; closes it and restores
+// the settings when the object goes.
+class ScopedMainLog {
+  public:
+    explicit ScopedMainLog(const std::wstring& folder, uint32_t maxSize = 100000000);
+    ~ScopedMainLog();
+    ScopedMainLog(const ScopedMainLog&) = delete;
+    ScopedMainLog& operator=(const ScopedMainLog&) = delete;
+
+    std::wstring Path() const;
+    std::wstring BackupPath() const;
+
+  private:
+    Settings saved_;
+};
+
+// Sends what the process writes to standard output into a file while the
+// object lives.
+class StdoutCapture {
+  public:
+    StdoutCapture();
+    ~StdoutCapture();
+    StdoutCapture(const StdoutCapture&) = delete;
+    StdoutCapture& operator=(const StdoutCapture&) = delete;
+
+    // What was captured so far, bytes as written.
+    std::string Text() const;
+
+  private:
+    TempFolder folder_;
+    std::wstring file_;
+    int savedDescriptor_;
+};
+
+// The whole file as bytes; empty when it cannot be read.
+std::string ReadFileBytes(const std::wstring& path);
+// The file's lines without their "\r\n".
+std::vector<std::string> ReadLines(const std::wstring& path);
+std::vector<std::string> SplitLines(const std::string& bytes);
+
+struct LogLine {
+    std::string timestamp;
+    std::string level;    // the tag, or the event's level name
+    std::string ids;      // inside the parentheses
+    std::string eventId;  // empty for the plain prefix
+    std::string source;   // function or provider name
+    std::string message;
+};
+// Either prefix; nothing when the line has neither.
+std::optional<LogLine> ParseLogLine(const std::string& line);
+// The messages of the lines, in order.
+std::vector<std::string> Messages(const std::vector<std::string>& lines);
+
+std::string Narrow(const std::wstring& text);
+
+}  // namespace plmx::testing
