@@ -2,16 +2,57 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <optional>
+#include <string>
+
+#include "trace/EventRecordData.h"
+#include "trace/Sid.h"
 
 struct SessionLog;
 
 namespace logonmon {
 
+// Named instants of a logon (100 ns FILETIME units); a later event
+// overwrites an earlier one.
+using TimingPoints = std::map<std::wstring, uint64_t>;
+
 struct SESSION_CONTEXT {
     uint32_t sessionId = 0;
+    std::optional<Sid> userSid;
+    std::wstring userSidText;
+    // Resolved from the SID on first need.
+    std::wstring userName;
+    std::wstring userDomain;
+    // The remote agent attached an application session, which has no shell.
+    bool applicationSession = false;
+    bool logonComplete = false;
+    // The latest event routed here, kept for the timeout check's log lines.
+    std::shared_ptr<EventRecordData> lastEvent;
+    TimingPoints timingPoints;
+    // 0xFFFFFFFF once Winlogon's Profiles subscriber finished the logon.
+    uint32_t profileFinished = 0;
+    std::wstring localProfilePath;
+
+    // Timestamp of the event that created the context; tells apart two
+    // logons that reused one session id.
+    uint64_t createdAt = 0;
+    // The profile service thread and the Group Policy activity that work for
+    // this session, learnt from their first event that found the session.
+    uint32_t profileThreadId = 0;
+    GUID policyActivityId{};
+
     // The session's own log; created empty by the log writer on first need.
     std::shared_ptr<::SessionLog> sessionLog;
 };
+
+// Binds an event to its session, or to none; the event's log prefix then
+// shows the session's id.
+inline void LinkToSession(EventRecordData& record,
+                          const std::shared_ptr<SESSION_CONTEXT>& context) {
+    record.sessionContext = context;
+    record.sessionIdOverride = context ? &context->sessionId : nullptr;
+}
 
 }  // namespace logonmon

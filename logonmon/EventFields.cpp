@@ -1,0 +1,86 @@
+#include "logonmon/EventFields.h"
+
+#include <cstring>
+
+#include "logonmon/Providers.h"
+
+namespace logonmon {
+
+bool GuidEquals(const GUID& left, const GUID& right) {
+    return left.Data1 == right.Data1 && left.Data2 == right.Data2 && left.Data3 == right.Data3 &&
+           std::memcmp(left.Data4, right.Data4, sizeof(left.Data4)) == 0;
+}
+
+bool IsZeroGuid(const GUID& guid) {
+    return GuidEquals(guid, GUID{});
+}
+
+std::wstring PropertyText(const EventRecordData& record, const wchar_t* name) {
+    const auto found = record.properties.find(name);
+    return found == record.properties.end() ? std::wstring() : found->second;
+}
+
+bool EqualsIgnoreCase(std::wstring_view left, std::wstring_view right) {
+    if (left.size() != right.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < left.size(); ++i) {
+        wchar_t a = left[i];
+        wchar_t b = right[i];
+        if (a >= L'A' && a <= L'Z') {
+            a = static_cast<wchar_t>(a - L'A' + L'a');
+        }
+        if (b >= L'A' && b <= L'Z') {
+            b = static_cast<wchar_t>(b - L'A' + L'a');
+        }
+        if (a != b) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::optional<uint32_t> ParseDecimal(std::wstring_view text) {
+    if (text.empty()) {
+        return std::nullopt;
+    }
+    uint64_t value = 0;
+    for (const wchar_t c : text) {
+        if (c < L'0' || c > L'9') {
+            return std::nullopt;
+        }
+        value = value * 10 + static_cast<uint64_t>(c - L'0');
+        if (value > UINT32_MAX) {
+            return std::nullopt;
+        }
+    }
+    return static_cast<uint32_t>(value);
+}
+
+std::optional<uint32_t> PayloadWord(const EventRecordData& record, size_t offset) {
+    if (record.userData.size() < offset + 4) {
+        return std::nullopt;
+    }
+    const uint8_t* bytes = record.userData.data() + offset;
+    return static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[1]) << 8 |
+           static_cast<uint32_t>(bytes[2]) << 16 | static_cast<uint32_t>(bytes[3]) << 24;
+}
+
+uint32_t EventSessionId(const EventRecordData& record) {
+    if (GuidEquals(record.providerId, providers::kRemoteAgent)) {
+        if (const auto payloadSession = PayloadWord(record, 0)) {
+            return *payloadSession;
+        }
+    }
+    if (record.sessionId != kNoSessionId && record.sessionId != 0) {
+        return record.sessionId;
+    }
+    for (const wchar_t* name : {L"Session", L"SessionID"}) {
+        if (const auto property = ParseDecimal(PropertyText(record, name))) {
+            return *property;
+        }
+    }
+    return record.sessionId;
+}
+
+}  // namespace logonmon

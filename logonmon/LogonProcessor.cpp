@@ -1,0 +1,408 @@
+#include "logonmon/LogonProcessor.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "logonmon/CurrentRecord.h"
+#include "logonmon/EventFields.h"
+#include "logonmon/Providers.h"
+#include "trace/TextForms.h"
+
+namespace logonmon {
+
+namespace {
+
+constexpr uint64_t kTicksPerMillisecond = 10'000;
+constexpr uint32_t kLongestTimerPeriodMs = 5000;
+
+// Held-back events nobody claimed within this much event time, or beyond
+// this many per list, are dropped, oldest first.
+constexpr uint64_t kHeldBackMaxAge = 10ull * 60 * 1000 * kTicksPerMillisecond;
+constexpr size_t kHeldBackMaxCount = 1000;
+
+constexpr wchar_t kLocalSystemSid[] = L"S-1-5-18";
+
+constexpr wchar_t kShellStarted[] = L"WL_NotifyExecute_StartShell_Stop";
+constexpr wchar_t kShellInitialized[] = L"Explorer_Initialized_Stop";
+constexpr wchar_t kAgentAttached[] = L"TX_ATTACHED";
+constexpr const wchar_t* kSessionEndingPoints[] = {
+    L"WL_NotifyExecute_Logoff_Start",
+    L"WL_NotifyExecute_EndShell_Start",
+    L"WL_NotifyExecute_TerminateSession_Start",
+};
+
+bool HasPoint(const SESSION_CONTEXT& context, const wchar_t* name) {
+    return context.timingPoints.count(name) != 0;
+}
+
+// The profile service and its companion provider write on threads that serve
+// one session at a time; event 1 does not belong to a logon.
+bool IsProfileServiceEvent(const EventRecordData& record) {
+    return (GuidEquals(record.providerId, providers::kUserProfiles) ||
+            GuidEquals(record.providerId, providers::kUserProfilesThreads)) &&
+           record.eventId != 1;
+}
+
+bool IsPolicyActivityEvent(const EventRecordData& record) {
+    return GuidEquals(record.providerId, providers::kGroupPolicy) && !IsZeroGuid(record.activityId);
+}
+
+}  // namespace
+
+LogonProcessor::LogonProcessor(const SESSION_CONFIG& config, const ProcessorServices& services)
+    : config_(config), services_(services) {}
+
+LogonProcessor::~LogonProcessor() {
+    StopTimer();
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    // A session and its last event refer to each other.
+    for (const auto& context : activeSessions_) {
+        if (context->lastEvent) {
+            LinkToSession(*context->lastEvent, nullptr);
+            context->lastEvent.reset();
+        }
+    }
+}
+
+void LogonProcessor::OnLogonStart(SESSION_CONTEXT&) {}
+void LogonProcessor::OnLogonEnd(SESSION_CONTEXT&) {}
+void LogonProcessor::EnableSampling(bool) {}
+
+// The session summary report is added with the report itself.
+void LogonProcessor::LogSummary(SESSION_CONTEXT&) {}
+
+void LogonProcessor::LogExtendedSummary(SESSION_CONTEXT&) {}
+void LogonProcessor::LogFormatted(uint32_t, const wchar_t*, const char*, ...) {}
+
+void LogonProcessor::OnTimer() {
+    RunSessionTimeoutCheck(false);
+}
+
+void LogonProcessor::Configure(const SESSION_CONFIG& config) {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    config_ = config;
+}
+
+void LogonProcessor::HandleEventRecord(const EVENT_RECORD* eventRecord) {
+    auto record = std::make_shared<EventRecordData>(*eventRecord);
+    ScopedCurrentRecord current(record.get());
+    AsyncEstablishSessionContext(
+        record, [this](const std::shared_ptr<EventRecordData>& ready) { ProcessEvent(ready); });
+    UpdateTimer();
+}
+
+void LogonProcessor::AsyncEstablishSessionContext(const std::shared_ptr<EventRecordData>& record,
+                                                  const EventContinuation& continuation) {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    std::shared_ptr<SESSION_CONTEXT> context = FindSessionContext(*record);
+    LinkToSession(*record, context);
+
+    if (IsProfileServiceEvent(*record)) {
+        const uint32_t threadId = record->threadId;
+        if (context) {
+            if (context->profileThreadId != threadId) {
+                context->profileThreadId = threadId;
+                ReplayHeldBack(
+                    heldBackByThread_,
+                    [threadId](const EventRecordData& held) { return held.threadId == threadId; },
+                    context, continuation);
+            }
+        } else {
+            context = NewestSession(record->timestamp, [threadId](const SESSION_CONTEXT& c) {
+                return c.profileThreadId != 0 && c.profileThreadId == threadId;
+            });
+            if (!context) {
+                HoldBack(heldBackByThread_, record);
+                return;
+            }
+            LinkToSession(*record, context);
+        }
+    } else if (IsPolicyActivityEvent(*record)) {
+        const GUID activityId = record->activityId;
+        if (context) {
+            if (IsZeroGuid(context->policyActivityId)) {
+                context->policyActivityId = activityId;
+                ReplayHeldBack(
+                    heldBackByActivity_,
+                    [&activityId](const EventRecordData& held) {
+                        return GuidEquals(held.activityId, activityId);
+                    },
+                    context, continuation);
+            }
+        } else {
+            context = NewestSession(record->timestamp, [&activityId](const SESSION_CONTEXT& c) {
+                return GuidEquals(c.policyActivityId, activityId);
+            });
+            if (!context) {
+                HoldBack(heldBackByActivity_, record);
+                return;
+            }
+            LinkToSession(*record, context);
+        }
+    }
+    continuation(record);
+}
+
+std::shared_ptr<SESSION_CONTEXT> LogonProcessor::FindSessionContext(
+    const EventRecordData& record) const {
+    std::shared_ptr<SESSION_CONTEXT> context;
+    const uint32_t sessionId = EventSessionId(record);
+    if (sessionId != kNoSessionId) {
+        context = NewestSession(record.timestamp, [sessionId](const SESSION_CONTEXT& c) {
+            return c.sessionId == sessionId;
+        });
+    }
+    if (!context && record.userSid && record.userSid->ToString() != kLocalSystemSid) {
+        const Sid& sid = *record.userSid;
+        context = NewestSession(record.timestamp, [&sid](const SESSION_CONTEXT& c) {
+            return c.userSid && *c.userSid == sid;
+        });
+    }
+    return context;
+}
+
+// Windows reuses session ids: an event belongs to the newest matching session
+// that already existed when the event happened.
+std::shared_ptr<SESSION_CONTEXT> LogonProcessor::NewestSession(
+    uint64_t timestamp, const std::function<bool(const SESSION_CONTEXT&)>& matches) const {
+    std::shared_ptr<SESSION_CONTEXT> newest;
+    for (const auto& context : activeSessions_) {
+        if (context->createdAt <= timestamp && matches(*context) &&
+            (!newest || context->createdAt >= newest->createdAt)) {
+            newest = context;
+        }
+    }
+    return newest;
+}
+
+void LogonProcessor::HoldBack(HeldBackEvents& heldBack,
+                              const std::shared_ptr<EventRecordData>& record) {
+    const uint64_t now = record->timestamp;
+    heldBack.erase(std::remove_if(heldBack.begin(), heldBack.end(),
+                                  [now](const std::shared_ptr<EventRecordData>& held) {
+                                      return now > kHeldBackMaxAge &&
+                                             held->timestamp < now - kHeldBackMaxAge;
+                                  }),
+                   heldBack.end());
+    heldBack.push_back(record);
+    while (heldBack.size() > kHeldBackMaxCount) {
+        heldBack.pop_front();
+    }
+}
+
+void LogonProcessor::ReplayHeldBack(HeldBackEvents& heldBack,
+                                    const std::function<bool(const EventRecordData&)>& claimed,
+                                    const std::shared_ptr<SESSION_CONTEXT>& context,
+                                    const EventContinuation& continuation) {
+    const auto firstClaimed = std::stable_partition(
+        heldBack.begin(), heldBack.end(),
+        [&claimed](const std::shared_ptr<EventRecordData>& held) { return !claimed(*held); });
+    const std::vector<std::shared_ptr<EventRecordData>> replay(
+        std::make_move_iterator(firstClaimed), std::make_move_iterator(heldBack.end()));
+    heldBack.erase(firstClaimed, heldBack.end());
+    for (const auto& held : replay) {
+        LinkToSession(*held, context);
+        ScopedCurrentRecord current(held.get());
+        continuation(held);
+    }
+}
+
+void LogonProcessor::ProcessEvent(const std::shared_ptr<EventRecordData>& record) {
+    // A session that an earlier held-back event settled takes no more events.
+    if (record->sessionContext && record->sessionContext->logonComplete) {
+        LinkToSession(*record, nullptr);
+    }
+    RouteEvent(*record);
+    if (config_.logEveryEvent) {
+        LogEventAsString(*record);
+    }
+    const std::shared_ptr<SESSION_CONTEXT> context = record->sessionContext;
+    if (!context) {
+        return;
+    }
+    ProcessSessionState(*context, record->timestamp, false);
+    if (context->logonComplete) {
+        DropSession(context);
+        LinkToSession(*record, nullptr);
+    } else {
+        context->lastEvent = record;
+    }
+}
+
+void LogonProcessor::RouteEvent(EventRecordData& record) {
+    struct Route {
+        const GUID& provider;
+        uint16_t eventId;
+        void (LogonProcessor::*handler)(EventRecordData&);
+    };
+    static const Route kRoutes[] = {
+        {providers::kUserProfiles, 5, &LogonProcessor::Profiles_HiveLoaded},
+        {providers::kUserProfiles, 6, &LogonProcessor::Profiles_SyncStarted},
+        {providers::kUserProfiles, 7, &LogonProcessor::Profiles_SyncFinished},
+        {providers::kUserProfiles, 67, &LogonProcessor::Profiles_LoadedInfo},
+        {providers::kGroupPolicy, 4016, &LogonProcessor::GroupPolicy_CSEStarted},
+        {providers::kGroupPolicy, 5016, &LogonProcessor::GroupPolicy_CSEFinished},
+        {providers::kGroupPolicy, 8001, &LogonProcessor::GroupPolicy_UserPolicyFinished},
+        {providers::kGroupPolicy, 8004, &LogonProcessor::GroupPolicy_MachinePolicyFinished},
+        {providers::kKernelProcess, 1, &LogonProcessor::Process_Started},
+        {providers::kKernelProcess, 2, &LogonProcessor::Process_Exited},
+        {providers::kLocalSessionManager, 21, &LogonProcessor::TS_LSM_Logon},
+        {providers::kRemoteAgent, 11, &LogonProcessor::Tessera_SessionAttached},
+        {providers::kRemoteAgent, 16, &LogonProcessor::Tessera_PLMXGeneric},
+    };
+    constexpr uint8_t kOpcodeStop = 2;
+
+    if (GuidEquals(record.providerId, providers::kWinlogon)) {
+        RouteWinlogon(record);
+        return;
+    }
+    if (GuidEquals(record.providerId, providers::kShellCore)) {
+        if (record.eventId == 9602 && record.opcode == kOpcodeStop) {
+            Explorer_Initialized(record);
+        }
+        return;
+    }
+    for (const Route& route : kRoutes) {
+        if (route.eventId == record.eventId && GuidEquals(route.provider, record.providerId)) {
+            (this->*route.handler)(record);
+            return;
+        }
+    }
+}
+
+void LogonProcessor::LogEventAsString(EventRecordData& record) {
+    LogFormatted(kLevelVerbose, L"logonmon::LogonProcessor::LogEventAsString", "%ws",
+                 record.MessageText().c_str());
+}
+
+void LogonProcessor::UpdateTimer() {
+    std::unique_ptr<PeriodicTimer> stopped;
+    {
+        std::lock_guard<std::recursive_mutex> lock(mutex_);
+        if (!config_.realTime) {
+            return;
+        }
+        if (!activeSessions_.empty()) {
+            if (!timer_) {
+                // With no timeout the tick still paces the sampling.
+                const uint32_t period =
+                    config_.sessionTimeoutMs == 0
+                        ? kLongestTimerPeriodMs
+                        : std::min(config_.sessionTimeoutMs, kLongestTimerPeriodMs);
+                timer_ = services_.timers->StartPeriodic(period, [this] { OnTimer(); });
+            }
+            if (!samplingEnabled_) {
+                samplingEnabled_ = true;
+                EnableSampling(true);
+            }
+            return;
+        }
+        stopped = std::move(timer_);
+    }
+    if (!stopped) {
+        return;
+    }
+    // Outside the lock: stopping waits for a tick in progress, which takes it.
+    stopped.reset();
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    // Another event may have started a new timer meanwhile.
+    if (!timer_ && samplingEnabled_) {
+        samplingEnabled_ = false;
+        EnableSampling(false);
+    }
+}
+
+void LogonProcessor::StopTimer() {
+    std::unique_ptr<PeriodicTimer> stopped;
+    {
+        std::lock_guard<std::recursive_mutex> lock(mutex_);
+        stopped = std::move(timer_);
+    }
+}
+
+void LogonProcessor::RunSessionTimeoutCheck(bool forced) {
+    const uint64_t now = services_.clock->NowFileTime();
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    const auto sessions = activeSessions_;
+    for (const auto& context : sessions) {
+        // Lines written meanwhile go to the session's log with its last event.
+        const std::shared_ptr<EventRecordData> lastEvent = context->lastEvent;
+        ScopedCurrentRecord current(lastEvent.get());
+        ProcessSessionState(*context, now, forced);
+        if (context->logonComplete) {
+            DropSession(context);
+        }
+    }
+}
+
+void LogonProcessor::ProcessSessionState(SESSION_CONTEXT& context, uint64_t now, bool forced) {
+    static constexpr wchar_t kFunction[] = L"logonmon::LogonProcessor::ProcessSessionState";
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    const auto shellStarted = context.timingPoints.find(kShellStarted);
+    if (shellStarted == context.timingPoints.end()) {
+        return;
+    }
+    const bool ending =
+        std::any_of(std::begin(kSessionEndingPoints), std::end(kSessionEndingPoints),
+                    [&context](const wchar_t* name) { return HasPoint(context, name); });
+    if (ending) {
+        LogFormatted(kLevelInfo, kFunction, "Session is ending...");
+    }
+    const bool attached = HasPoint(context, kAgentAttached);
+    const bool complete = config_.waitForAttach ? attached && (context.applicationSession ||
+                                                               HasPoint(context, kShellInitialized))
+                                                : HasPoint(context, kShellInitialized);
+    context.logonComplete = complete;
+
+    if (!complete && !ending && !forced) {
+        if (config_.sessionTimeoutMs == 0) {
+            return;
+        }
+        const uint64_t deadline =
+            shellStarted->second + uint64_t{config_.sessionTimeoutMs} * kTicksPerMillisecond;
+        if (deadline >= now) {
+            return;
+        }
+        LogFormatted(kLevelError, kFunction,
+                     "Timed out waiting for %ws event.  Shell started at %ws.  Timeout %ws.  "
+                     "sessionId=%d",
+                     attached ? L"ShellInitialized" : L"Tessera Session Attached",
+                     TimestampText(shellStarted->second, true).c_str(),
+                     TimestampText(deadline, true).c_str(), context.sessionId);
+    }
+    context.logonComplete = true;
+    OnLogonEnd(context);
+}
+
+std::shared_ptr<SESSION_CONTEXT> LogonProcessor::InitSession(uint32_t sessionId,
+                                                             const EventRecordData& logonEvent) {
+    if (sessionId == kNoSessionId || !logonEvent.userSid) {
+        return nullptr;
+    }
+    auto context = std::make_shared<SESSION_CONTEXT>();
+    context->sessionId = sessionId;
+    context->userSid = logonEvent.userSid;
+    context->userSidText = logonEvent.userSid->ToString();
+    context->createdAt = logonEvent.timestamp;
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    activeSessions_.push_back(context);
+    return context;
+}
+
+void LogonProcessor::DropSession(const std::shared_ptr<SESSION_CONTEXT>& context) {
+    activeSessions_.erase(std::remove(activeSessions_.begin(), activeSessions_.end(), context),
+                          activeSessions_.end());
+    if (context->lastEvent) {
+        LinkToSession(*context->lastEvent, nullptr);
+        context->lastEvent.reset();
+    }
+}
+
+void LogonProcessor::VisitSessions(const std::function<void(SESSION_CONTEXT&)>& visitor) {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    for (const auto& context : activeSessions_) {
+        visitor(*context);
+    }
+}
+
+}  // namespace logonmon

@@ -1,0 +1,33 @@
+#include "logonmon/PrintfFormat.h"
+
+#include <cstdio>
+
+namespace logonmon {
+
+// _vsnprintf and _vscprintf are the C runtime's own (msvcrt.dll), which knows
+// "%ws" and "%I64u"; MinGW's replacement for vsnprintf follows C99 instead.
+
+int FormatPrintfToBuffer(char* buffer, size_t size, const char* format, va_list args) {
+    if (size == 0) {
+        return -1;
+    }
+    const int length = _vsnprintf(buffer, size - 1, format, args);
+    buffer[length < 0 ? size - 1 : static_cast<size_t>(length)] = '\0';
+    return length;
+}
+
+std::string FormatPrintf(const char* format, va_list args) {
+    va_list measure;
+    va_copy(measure, args);
+    const int length = _vscprintf(format, measure);
+    va_end(measure);
+    if (length <= 0) {
+        return {};
+    }
+    std::string text(static_cast<size_t>(length) + 1, '\0');
+    FormatPrintfToBuffer(text.data(), text.size(), format, args);
+    text.resize(static_cast<size_t>(length));
+    return text;
+}
+
+}  // namespace logonmon

@@ -1,0 +1,148 @@
+#include "logonmon/EventFields.h"
+#include "logonmon/LogonProcessor.h"
+#include "logonmon/ProcessorTexts.h"
+
+namespace logonmon {
+
+namespace {
+
+constexpr uint8_t kOpcodeStart = 1;
+constexpr uint8_t kOpcodeStop = 2;
+
+constexpr uint16_t kNotificationStart = 801;
+constexpr uint16_t kNotificationStop = 802;
+constexpr uint16_t kSubscriberStart = 811;
+constexpr uint16_t kSubscriberStop = 812;
+constexpr uint16_t kUserinitStop = 10;
+
+}  // namespace
+
+void LogonProcessor::RouteWinlogon(EventRecordData& record) {
+    const uint16_t id = record.eventId;
+    if (id == kUserinitStop) {
+        if (record.sessionContext) {
+            record.sessionContext->timingPoints[L"WL_USERINIT_STOP"] = record.timestamp;
+        }
+        return;
+    }
+    if (id != kNotificationStart && id != kNotificationStop && id != kSubscriberStart &&
+        id != kSubscriberStop) {
+        return;
+    }
+    // Without its notification an event names no phase.
+    const std::wstring notification = PropertyText(record, L"Event");
+    if (notification.empty()) {
+        return;
+    }
+    if (id == kNotificationStart) {
+        if (EqualsIgnoreCase(notification, L"CreateSession")) {
+            Winlogon_CreateSession(record);
+        } else if (EqualsIgnoreCase(notification, L"Login")) {
+            Winlogon_Login_Started(record);
+        }
+    } else if (id != kNotificationStop && record.opcode == kOpcodeStop &&
+               EqualsIgnoreCase(notification, L"Login") &&
+               EqualsIgnoreCase(PropertyText(record, L"SubscriberName"), L"Profiles")) {
+        Profiles_Finished(record);
+    }
+    if (record.sessionContext) {
+        RecordWinlogonTimingPoint(record, notification);
+    }
+}
+
+// "WL_" task "_" [subscriber "_"] notification "_" Start/Stop, e.g.
+// "WL_NotifyExecute_Login_Start", "WL_CallSubscriber_Profiles_Login_Start".
+void LogonProcessor::RecordWinlogonTimingPoint(EventRecordData& record,
+                                               const std::wstring& notification) {
+    std::wstring name = L"WL_" + record.taskName + L"_";
+    const std::wstring subscriber = PropertyText(record, L"SubscriberName");
+    if (!subscriber.empty()) {
+        name += subscriber + L"_";
+    }
+    name += notification + L"_";
+    if (record.opcode == kOpcodeStart) {
+        name += L"Start";
+    } else if (record.opcode == kOpcodeStop) {
+        name += L"Stop";
+    } else {
+        name += record.opcodeName;
+    }
+    record.sessionContext->timingPoints[name] = record.timestamp;
+}
+
+void LogonProcessor::Winlogon_CreateSession(EventRecordData& record) {
+    static constexpr wchar_t kFunction[] = L"logonmon::LogonProcessor::Winlogon_CreateSession";
+    const uint32_t sessionId = EventSessionId(record);
+    const std::shared_ptr<SESSION_CONTEXT> context = InitSession(sessionId, record);
+    if (!context) {
+        LogFormatted(kLevelError, kFunction, "InitSession Failed, sessionId=%d", sessionId);
+        return;
+    }
+    LinkToSession(record, context);
+    LogFormatted(kLevelVerbose, kFunction, "Session Initialized Successfully: sessionId=%d",
+                 sessionId);
+}
+
+void LogonProcessor::Winlogon_Login_Started(EventRecordData& record) {
+    static constexpr wchar_t kFunction[] = L"logonmon::LogonProcessor::Winlogon_Login_Started";
+    LogFormatted(kLevelVerbose, kFunction, "Received User Logon Event");
+
+    std::shared_ptr<SESSION_CONTEXT> context = record.sessionContext;
+    if (!context) {
+        const uint32_t sessionId = EventSessionId(record);
+        LogFormatted(kLevelError, kFunction,
+                     "Session Context Not Found. Attempting To Init A New One. sessionId=%d",
+                     sessionId);
+        context = InitSession(sessionId, record);
+        LinkToSession(record, context);
+        if (!context) {
+            // The message has always shown 0 for the code.
+            LogFormatted(kLevelError, kFunction, "Failed Initializing Session: 0x%X, sessionId=%d",
+                         0u, sessionId);
+            return;
+        }
+        LogFormatted(kLevelInfo, kFunction, "New Session Initialized Successfully: sessionId=%d",
+                     sessionId);
+    }
+
+    if (record.userSid) {
+        if (!(context->userSid == record.userSid)) {
+            context->userName.clear();
+            context->userDomain.clear();
+        }
+        context->userSid = record.userSid;
+        context->userSidText = record.userSid->ToString();
+        LogFormatted(kLevelVerbose, kFunction, "SID: %ws. sessionId=%d",
+                     context->userSidText.c_str(), context->sessionId);
+    }
+
+    OnLogonStart(*context);
+
+    ResolveAccount(*context);
+    if (!context->userName.empty()) {
+        LogFormatted(kLevelInfo, kFunction, "LOGON: User: %ws\\%ws", context->userDomain.c_str(),
+                     context->userName.c_str());
+    }
+}
+
+void LogonProcessor::Profiles_Finished(EventRecordData& record) {
+    if (!record.sessionContext) {
+        LogFormatted(kLevelError, L"logonmon::LogonProcessor::Profiles_Finished",
+                     texts::kContextNotFoundBySessionId, EventSessionId(record));
+        return;
+    }
+    record.sessionContext->profileFinished = 0xFFFFFFFF;
+}
+
+void LogonProcessor::ResolveAccount(SESSION_CONTEXT& context) {
+    if (context.userName.empty() && context.userSid) {
+        std::wstring name;
+        std::wstring domain;
+        if (services_.accounts->LookupAccount(*context.userSid, &name, &domain)) {
+            context.userName = std::move(name);
+            context.userDomain = std::move(domain);
+        }
+    }
+}
+
+}  // namespace logonmon

@@ -1,0 +1,78 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <ctime>
+#include <mutex>
+#include <thread>
+
+#include "logonmon/CurrentRecord.h"
+#include "logonmon/ProcessorServices.h"
+
+namespace logonmon {
+namespace {
+
+TEST(PlatformServicesTest, TimerTicksUntilDestroyed) {
+    std::mutex mutex;
+    std::condition_variable ticked;
+    int ticks = 0;
+    auto timer = DefaultTimerService().StartPeriodic(10, [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++ticks;
+        ticked.notify_all();
+    });
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        ASSERT_TRUE(ticked.wait_for(lock, std::chrono::seconds(30), [&] { return ticks >= 3; }));
+    }
+    timer.reset();
+    int ticksAtStop = 0;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ticksAtStop = ticks;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(ticks, ticksAtStop);
+}
+
+TEST(PlatformServicesTest, ClockGivesTheSystemTimeAsFileTime) {
+    constexpr uint64_t kUnixEpochAsFileTime = 116'444'736'000'000'000;
+    const uint64_t expected =
+        kUnixEpochAsFileTime + static_cast<uint64_t>(std::time(nullptr)) * 10'000'000;
+    const uint64_t now = DefaultClock().NowFileTime();
+    const uint64_t difference = now > expected ? now - expected : expected - now;
+    EXPECT_LT(difference, 60ull * 10'000'000);
+}
+
+TEST(PlatformServicesTest, AccountLookup) {
+    const auto system = Sid::FromString(L"S-1-5-18");
+    ASSERT_TRUE(system);
+    std::wstring name;
+    std::wstring domain;
+#ifdef _WIN32
+    ASSERT_TRUE(DefaultAccountLookup().LookupAccount(*system, &name, &domain));
+    EXPECT_EQ(name, L"SYSTEM");
+#else
+    EXPECT_FALSE(DefaultAccountLookup().LookupAccount(*system, &name, &domain));
+#endif
+}
+
+TEST(PlatformServicesTest, CurrentRecordIsPerThread) {
+    ASSERT_TRUE(AllocateCurrentRecordSlot());
+    int marker = 0;
+    auto* const record = reinterpret_cast<EventRecordData*>(&marker);
+    EXPECT_EQ(CurrentRecord(), nullptr);
+    {
+        ScopedCurrentRecord current(record);
+        EXPECT_EQ(CurrentRecord(), record);
+        EventRecordData* seenElsewhere = record;
+        std::thread([&seenElsewhere] { seenElsewhere = CurrentRecord(); }).join();
+        EXPECT_EQ(seenElsewhere, nullptr);
+    }
+    EXPECT_EQ(CurrentRecord(), nullptr);
+}
+
+}  // namespace
+}  // namespace logonmon

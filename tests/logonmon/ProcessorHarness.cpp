@@ -1,0 +1,219 @@
+#include "tests/logonmon/ProcessorHarness.h"
+
+#include <stdexcept>
+
+#include "logonmon/CurrentRecord.h"
+#include "logonmon/PrintfFormat.h"
+
+namespace plmx::testing {
+
+namespace {
+
+// The slot is allocated at start-up, as the service does.
+const bool currentRecordSlotReady = logonmon::AllocateCurrentRecordSlot();
+
+TestEvent WinlogonEvent(uint16_t id, uint8_t opcode, const std::wstring& task,
+                        Notification notification, uint32_t session, uint64_t time) {
+    TestEvent event;
+    event.provider = kWinlogonGuid;
+    event.id = id;
+    event.opcode = opcode;
+    event.time = time;
+    event.session = session;
+    event.sid = kSystemSid;
+    event.task = task;
+    event.properties.push_back(UInt32Property(L"Event", notification));
+    return event;
+}
+
+logonmon::SESSION_CONTEXT Copy(const logonmon::SESSION_CONTEXT& context) {
+    logonmon::SESSION_CONTEXT copy = context;
+    copy.lastEvent.reset();
+    return copy;
+}
+
+}  // namespace
+
+TestEvent NotifyStart(Notification notification, uint32_t session, uint64_t time) {
+    return WinlogonEvent(801, 1, L"NotifyExecute", notification, session, time);
+}
+
+TestEvent NotifyStop(Notification notification, uint32_t session, uint64_t time) {
+    return WinlogonEvent(802, 2, L"NotifyExecute", notification, session, time);
+}
+
+TestEvent SubscriberEvent(uint16_t id, uint8_t opcode, Notification notification,
+                          const std::wstring& subscriber, uint32_t session, uint64_t time) {
+    TestEvent event = WinlogonEvent(id, opcode, L"CallSubscriber", notification, session, time);
+    event.properties.push_back(StringProperty(L"SubscriberName", subscriber));
+    return event;
+}
+
+TestEvent CreateSession(uint32_t session, const std::wstring& sid, uint64_t time) {
+    TestEvent event = NotifyStart(kCreateSession, session, time);
+    event.sid = sid;
+    return event;
+}
+
+TestEvent Login(uint32_t session, const std::wstring& sid, uint64_t time) {
+    TestEvent event = NotifyStart(kLogin, session, time);
+    event.sid = sid;
+    return event;
+}
+
+TestEvent ShellInitialized(uint32_t session, uint64_t time) {
+    TestEvent event;
+    event.provider = kShellCoreGuid;
+    event.id = 9602;
+    event.opcode = 2;
+    event.time = time;
+    event.session = session;
+    return event;
+}
+
+class ManualTimerService::Timer : public logonmon::PeriodicTimer {
+  public:
+    Timer(ManualTimerService& service, std::function<void()> tick)
+        : service_(service), tick_(std::move(tick)) {}
+    ~Timer() override {
+        if (service_.running_ == this) {
+            service_.running_ = nullptr;
+        }
+    }
+    void Fire() { tick_(); }
+
+  private:
+    ManualTimerService& service_;
+    std::function<void()> tick_;
+};
+
+std::unique_ptr<logonmon::PeriodicTimer> ManualTimerService::StartPeriodic(
+    uint32_t periodMs, std::function<void()> tick) {
+    periods.push_back(periodMs);
+    auto timer = std::make_unique<Timer>(*this, std::move(tick));
+    running_ = timer.get();
+    return timer;
+}
+
+void ManualTimerService::Fire() {
+    if (running_ != nullptr) {
+        running_->Fire();
+    }
+}
+
+bool FakeAccounts::LookupAccount(const logonmon::Sid& sid, std::wstring* name,
+                                 std::wstring* domain) {
+    const auto found = accounts.find(sid.ToString());
+    if (found == accounts.end()) {
+        return false;
+    }
+    *domain = found->second.first;
+    *name = found->second.second;
+    return true;
+}
+
+void RecordingProcessor::OnLogonStart(logonmon::SESSION_CONTEXT& session) {
+    std::lock_guard<std::mutex> lock(mutex);
+    logonStarts.push_back(session.sessionId);
+}
+
+void RecordingProcessor::OnLogonEnd(logonmon::SESSION_CONTEXT& session) {
+    std::lock_guard<std::mutex> lock(mutex);
+    endedSessions.push_back(Copy(session));
+}
+
+void RecordingProcessor::EnableSampling(bool enable) {
+    std::lock_guard<std::mutex> lock(mutex);
+    sampling.push_back(enable);
+}
+
+void RecordingProcessor::LogFormatted(uint32_t level, const wchar_t* function, const char* format,
+                                      ...) {
+    va_list args;
+    va_start(args, format);
+    std::string text = logonmon::FormatPrintf(format, args);
+    va_end(args);
+    const logonmon::EventRecordData* record = logonmon::CurrentRecord();
+    const int64_t session = record != nullptr && record->sessionContext
+                                ? int64_t{record->sessionContext->sessionId}
+                                : -1;
+    std::lock_guard<std::mutex> lock(mutex);
+    lines.push_back(LogLine{level, function, text, session});
+    if (!throwOnText.empty() && text == throwOnText) {
+        throw std::runtime_error("handler failed");
+    }
+}
+
+void RecordingProcessor::Feed(const TestEvent& event) {
+    EventBuilder builder;
+    builder.Provider(event.provider)
+        .EventId(event.id)
+        .Opcode(event.opcode)
+        .Level(4)
+        .ProcessId(0x2a0)
+        .ThreadId(event.thread)
+        .Timestamp(event.time);
+    if (event.session) {
+        builder.SessionId(*event.session);
+    }
+    if (event.sid) {
+        builder.UserSid(*event.sid);
+    }
+    if (event.activity) {
+        builder.ActivityId(GuidFromText(*event.activity));
+    }
+    if (!event.task.empty()) {
+        builder.TaskName(event.task);
+    }
+    if (!event.opcodeName.empty()) {
+        builder.OpcodeName(event.opcodeName);
+    }
+    if (!event.message.empty()) {
+        builder.Message(event.message);
+    }
+    for (const PropertySpec& property : event.properties) {
+        builder.Property(property);
+    }
+    if (event.payload) {
+        builder.Payload(*event.payload);
+    }
+    HandleEventRecord(&builder.Record());
+}
+
+std::vector<std::string> RecordingProcessor::Texts() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::vector<std::string> texts;
+    for (const LogLine& line : lines) {
+        texts.push_back(line.text);
+    }
+    return texts;
+}
+
+std::vector<LogLine> RecordingProcessor::LinesWith(const std::string& text) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::vector<LogLine> found;
+    for (const LogLine& line : lines) {
+        if (line.text == text) {
+            found.push_back(line);
+        }
+    }
+    return found;
+}
+
+std::vector<logonmon::SESSION_CONTEXT> RecordingProcessor::Sessions() {
+    std::vector<logonmon::SESSION_CONTEXT> sessions;
+    VisitSessions(
+        [&sessions](logonmon::SESSION_CONTEXT& context) { sessions.push_back(Copy(context)); });
+    return sessions;
+}
+
+std::optional<logonmon::SESSION_CONTEXT> RecordingProcessor::Session(uint32_t sessionId) {
+    for (auto& session : Sessions()) {
+        if (session.sessionId == sessionId) {
+            return session;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace plmx::testing
