@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <windows.h>
-
 #include <cstdio>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,184 +14,131 @@
 #include "tests/support/LogFiles.h"
 #include "trace/EventRecordData.h"
 
+using namespace plmx::testing;
 using logonmon::EventRecordData;
-using logonmon::ScopedCurrentRecord;
-using logonmon::SESSION_CONTEXT;
-using plmx::testing::EventBuilder;
-using plmx::testing::LogLine;
-using plmx::testing::ParseLogLine;
-using plmx::testing::ReadFileBytes;
-using plmx::testing::ReadLines;
-using plmx::testing::ScopedFakeTdh;
-using plmx::testing::ScopedMainLog;
-using plmx::testing::TempFolder;
 
 namespace {
 
 constexpr int kThreads = 8;
 constexpr int kLinesPerThread = 20000;
 const std::string kPadding(40, '.');
-const std::string kOpened = "Opened main log, Size: 0";
 
-std::string Message(const char* label, int thread, int index) {
+std::string Message(char label, int thread, int index) {
     char text[32];
-    snprintf(text, sizeof text, "%s%d L%05d ", label, thread, index);
+    snprintf(text, sizeof text, "%c%d L%05d ", label, thread, index);
     return text + kPadding;
 }
 
-void WriteLines(const char* label, int thread, int count) {
+void WriteLines(char label, int thread, int count) {
     for (int i = 0; i < count; ++i) {
-        LogMessage(nullptr, LOG_LEVEL_INFO, L"Concurrency::Writer", "%s%d L%05d %s", label, thread,
+        LogMessage(nullptr, LOG_LEVEL_INFO, L"Concurrency::Writer", "%c%d L%05d %s", label, thread,
                    i, kPadding.c_str());
     }
 }
 
-// Line numbers per writing thread, in file order.
-using Sequences = std::vector<std::vector<int>>;
-
-// Checks that each line is one whole line of a writer labelled `label` (or
-// the log's opening line) and collects its number. Returns the count of
-// opening lines.
-int Collect(const std::vector<std::string>& lines, const char* label, Sequences& sequences) {
-    int opened = 0;
-    for (const std::string& text : lines) {
-        const std::optional<LogLine> line = ParseLogLine(text);
-        if (!line) {
-            ADD_FAILURE() << "not a log line: " << text;
-            continue;
-        }
-        if (line->source == "OpenMainLog" && line->message == kOpened) {
-            ++opened;
-            continue;
-        }
-        if (line->source == "RecurseCreateFolder") {
-            continue;  // opening a session log echoes the log folder
-        }
-        int thread = -1;
-        int index = -1;
-        const std::string format = std::string(label) + "%d L%d";
-        if (sscanf(line->message.c_str(), format.c_str(), &thread, &index) != 2 || thread < 0 ||
-            thread >= static_cast<int>(sequences.size()) ||
-            line->message != Message(label, thread, index)) {
-            ADD_FAILURE() << "broken line: " << text;
-            continue;
-        }
-        sequences[thread].push_back(index);
-    }
-    return opened;
-}
-
-// Each thread's numbers must run on by one, ending with its last line.
-void ExpectInOrderSuffixes(const Sequences& sequences, int linesPerThread) {
-    for (size_t thread = 0; thread < sequences.size(); ++thread) {
-        SCOPED_TRACE(thread);
-        const std::vector<int>& numbers = sequences[thread];
-        if (numbers.empty()) {
-            continue;
-        }
-        EXPECT_EQ(numbers.back(), linesPerThread - 1);
-        for (size_t i = 1; i < numbers.size(); ++i) {
-            if (numbers[i] != numbers[i - 1] + 1) {
-                ADD_FAILURE() << "line " << numbers[i] << " follows " << numbers[i - 1];
-                break;
+// Each writer's line numbers, in file order, from the lines of writers
+// labelled `label`; every line must be whole. Opening lines of the main log
+// and folder echoes are skipped.
+std::vector<std::vector<int>> Collect(const std::vector<std::wstring>& paths, char label,
+                                      int writers) {
+    std::vector<std::vector<int>> numbers(writers);
+    for (const std::wstring& path : paths) {
+        for (const std::string& text : ReadLines(path)) {
+            const auto line = ParseLogLine(text);
+            if (line && (line->source == "OpenMainLog" || line->source == "RecurseCreateFolder")) {
+                continue;
             }
+            int thread = -1;
+            int index = -1;
+            const bool whole =
+                line && sscanf(line->message.c_str(), "%*c%d L%d", &thread, &index) == 2 &&
+                thread >= 0 && thread < writers && line->message == Message(label, thread, index);
+            if (!whole) {
+                ADD_FAILURE() << "not a whole line of " << label << ": " << text;
+                continue;
+            }
+            numbers[thread].push_back(index);
+        }
+    }
+    return numbers;
+}
+
+// Each writer's surviving lines run on by one up to its last line.
+void ExpectInOrderSuffixes(const std::vector<std::vector<int>>& numbers, int lastIndex) {
+    for (const std::vector<int>& sequence : numbers) {
+        for (size_t i = 0; i < sequence.size(); ++i) {
+            ASSERT_EQ(sequence[i], lastIndex - static_cast<int>(sequence.size() - 1 - i));
         }
     }
 }
 
-void RunWriters(int threads, int linesPerThread) {
-    std::vector<std::thread> writers;
-    for (int thread = 0; thread < threads; ++thread) {
-        writers.emplace_back(WriteLines, "T", thread, linesPerThread);
+void RunWriters(std::vector<std::thread>& writers) {
+    for (int thread = 0; thread < kThreads; ++thread) {
+        writers.emplace_back(WriteLines, 'T', thread, kLinesPerThread);
     }
     for (std::thread& writer : writers) {
         writer.join();
     }
 }
 
-// The backup ends with the line that crossed the limit.
-void ExpectRolledAtTheCrossing(const std::wstring& backupPath, uint32_t limit) {
-    const std::string backup = ReadFileBytes(backupPath);
-    const std::vector<std::string> lines = ReadLines(backupPath);
-    ASSERT_FALSE(lines.empty());
-    EXPECT_GT(backup.size(), limit);
-    EXPECT_LE(backup.size() - lines.back().size() - 2, limit);
-}
+// About 18 MB in all: a limit of 12 MB rolls once and keeps every line; one
+// of 200 KB rolls often and keeps only the newest lines.
+TEST(LogConcurrencyTest, RollsKeepLinesWholeInOrderAndCompleteAtTheEnd) {
+    for (const uint32_t limit : {12000000u, 200000u}) {
+        SCOPED_TRACE(limit);
+        TempFolder folder;
+        ScopedMainLog mainLog(folder.Path(), limit);
+        std::vector<std::thread> writers;
+        RunWriters(writers);
 
-TEST(LogConcurrencyTest, OneRollKeepsEveryLineWholeAndInOrder) {
-    // About 18 MB in all: the limit lets exactly one roll happen.
-    constexpr uint32_t kLimit = 12000000;
-    TempFolder folder;
-    ScopedMainLog mainLog(folder.Path(), kLimit);
-
-    RunWriters(kThreads, kLinesPerThread);
-
-    Sequences sequences(kThreads);
-    EXPECT_EQ(Collect(ReadLines(mainLog.BackupPath()), "T", sequences), 1);
-    EXPECT_EQ(Collect(ReadLines(mainLog.Path()), "T", sequences), 1);
-    for (const std::vector<int>& numbers : sequences) {
-        ASSERT_EQ(numbers.size(), static_cast<size_t>(kLinesPerThread));
-        EXPECT_EQ(numbers.front(), 0);
+        const auto numbers = Collect({mainLog.BackupPath(), mainLog.Path()}, 'T', kThreads);
+        ExpectInOrderSuffixes(numbers, kLinesPerThread - 1);
+        if (limit > 1000000) {
+            for (const std::vector<int>& sequence : numbers) {
+                EXPECT_EQ(sequence.size(), static_cast<size_t>(kLinesPerThread));
+            }
+        }
+        // Each roll came right after the line that crossed the limit.
+        const std::string backup = ReadFileBytes(mainLog.BackupPath());
+        EXPECT_GT(backup.size(), limit);
+        EXPECT_LE(backup.size() - ReadLines(mainLog.BackupPath()).back().size() - 2, limit);
+        EXPECT_LE(ReadFileBytes(mainLog.Path()).size(), limit);
     }
-    ExpectInOrderSuffixes(sequences, kLinesPerThread);
-    ExpectRolledAtTheCrossing(mainLog.BackupPath(), kLimit);
-}
-
-TEST(LogConcurrencyTest, ManyRollsKeepTheNewestLinesInOrder) {
-    constexpr uint32_t kLimit = 200000;
-    TempFolder folder;
-    ScopedMainLog mainLog(folder.Path(), kLimit);
-
-    RunWriters(kThreads, kLinesPerThread);
-
-    Sequences sequences(kThreads);
-    EXPECT_EQ(Collect(ReadLines(mainLog.BackupPath()), "T", sequences), 1);
-    EXPECT_EQ(Collect(ReadLines(mainLog.Path()), "T", sequences), 1);
-    ExpectInOrderSuffixes(sequences, kLinesPerThread);
-    ExpectRolledAtTheCrossing(mainLog.BackupPath(), kLimit);
-    EXPECT_LE(ReadFileBytes(mainLog.Path()).size(), kLimit);
 }
 
 TEST(LogConcurrencyTest, SessionLogsReceiveExactlyTheirSessionsLines) {
-    constexpr int kSessions = 2;
-    constexpr int kThreadsPerSession = 2;
     constexpr int kLines = 5000;
     logonmon::AllocateCurrentRecordSlot();
     ScopedFakeTdh tdh;
     TempFolder folder;
     ScopedMainLog mainLog(folder.Path());
 
-    std::vector<std::shared_ptr<SESSION_CONTEXT>> sessions;
+    // Two sessions with two event threads each, beside plain writers.
+    std::vector<std::shared_ptr<logonmon::SESSION_CONTEXT>> sessions;
     std::vector<std::wstring> paths;
-    for (int s = 0; s < kSessions; ++s) {
-        auto session = std::make_shared<SESSION_CONTEXT>();
-        session->sessionId = static_cast<uint32_t>(s + 1);
-        const std::shared_ptr<SessionLog> sessionLog = SessionLogOf(*session);
-        paths.push_back(folder.Path() + L"plmx_session_" + sessionLog->logId + L"_" +
-                        std::to_wstring(s + 1) + L".txt");
-        ASSERT_TRUE(OpenLog(paths.back(), *sessionLog));
-        sessions.push_back(std::move(session));
-    }
     std::vector<std::unique_ptr<EventRecordData>> records;
-    for (int s = 0; s < kSessions; ++s) {
-        for (int t = 0; t < kThreadsPerSession; ++t) {
+    for (uint32_t s = 0; s < 2; ++s) {
+        sessions.push_back(std::make_shared<logonmon::SESSION_CONTEXT>());
+        sessions[s]->sessionId = s + 1;
+        const std::shared_ptr<SessionLog> sessionLog = SessionLogOf(*sessions[s]);
+        paths.push_back(folder.Path() + sessionLog->logId + L".txt");
+        ASSERT_TRUE(OpenLog(paths[s], *sessionLog));
+        for (int t = 0; t < 2; ++t) {
             EventBuilder builder;
-            builder.EventId(1).Level(4).ProcessId(0x10).ThreadId(0x20 + t);
+            builder.EventId(1).Level(4);
             records.push_back(std::make_unique<EventRecordData>(builder.Record()));
             records.back()->sessionContext = sessions[s];
         }
     }
-
     std::vector<std::thread> writers;
-    for (int thread = 0; thread < kThreads; ++thread) {
-        writers.emplace_back(WriteLines, "T", thread, kLines);
-    }
     for (size_t r = 0; r < records.size(); ++r) {
         writers.emplace_back([&records, r] {
-            ScopedCurrentRecord current(records[r].get());
-            const int session = static_cast<int>(r) / kThreadsPerSession;
-            WriteLines(session == 0 ? "A" : "B", static_cast<int>(r) % kThreadsPerSession, kLines);
+            logonmon::ScopedCurrentRecord current(records[r].get());
+            WriteLines(r < 2 ? 'A' : 'B', static_cast<int>(r % 2), kLines);
         });
+    }
+    for (int thread = 0; thread < kThreads; ++thread) {
+        writers.emplace_back(WriteLines, 'T', thread, kLines);
     }
     for (std::thread& writer : writers) {
         writer.join();
@@ -203,22 +147,16 @@ TEST(LogConcurrencyTest, SessionLogsReceiveExactlyTheirSessionsLines) {
         CloseSessionLog(*session->sessionLog);
     }
 
-    const char* labels[] = {"A", "B"};
-    for (int s = 0; s < kSessions; ++s) {
-        SCOPED_TRACE(labels[s]);
-        Sequences sequences(kThreadsPerSession);
-        EXPECT_EQ(Collect(ReadLines(paths[s]), labels[s], sequences), 0);
-        for (const std::vector<int>& numbers : sequences) {
-            EXPECT_EQ(numbers.size(), static_cast<size_t>(kLines));
+    const std::pair<std::vector<std::wstring>, char> logs[] = {
+        {{paths[0]}, 'A'}, {{paths[1]}, 'B'}, {{mainLog.Path()}, 'T'}};
+    for (const auto& [files, label] : logs) {
+        SCOPED_TRACE(label);
+        const auto numbers = Collect(files, label, label == 'T' ? kThreads : 2);
+        ExpectInOrderSuffixes(numbers, kLines - 1);
+        for (const std::vector<int>& sequence : numbers) {
+            EXPECT_EQ(sequence.size(), static_cast<size_t>(kLines));
         }
-        ExpectInOrderSuffixes(sequences, kLines);
     }
-    Sequences plain(kThreads);
-    EXPECT_EQ(Collect(ReadLines(mainLog.Path()), "T", plain), 1);
-    for (const std::vector<int>& numbers : plain) {
-        EXPECT_EQ(numbers.size(), static_cast<size_t>(kLines));
-    }
-    ExpectInOrderSuffixes(plain, kLines);
 }
 
 }  // namespace

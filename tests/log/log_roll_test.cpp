@@ -10,40 +10,35 @@
 #include "log/LogWriter.h"
 #include "tests/support/LogFiles.h"
 
-using plmx::testing::Messages;
-using plmx::testing::ReadFileBytes;
-using plmx::testing::ReadLines;
-using plmx::testing::ScopedMainLog;
-using plmx::testing::StdoutCapture;
-using plmx::testing::TempFolder;
+using namespace plmx::testing;
+using Lines = std::vector<std::string>;
 
 namespace {
 
 constexpr uint32_t kLimit = 2000;
 const std::string kOpened = "Opened main log, Size: 0";
 
+std::string Line(int index) {
+    return "line " + std::to_string(1000 + index) + " " + std::string(60, '.');
+}
+
 class LogRollTest : public ::testing::Test {
   protected:
-    void Write(int index) {
-        LogMessage(nullptr, LOG_LEVEL_INFO, L"Roll::Test", "line %03d %s", index,
-                   std::string(60, '.').c_str());
-    }
-    static std::string Expected(int index) {
-        char text[16];
-        snprintf(text, sizeof text, "line %03d ", index);
-        return text + std::string(60, '.');
-    }
-    // Writes lines from `next` on until the backup file shows up.
+    // Writes numbered lines from `next` on until the log rolls or a write
+    // throws; returns the number after the last line written.
     int WriteUntilRolled(int next) {
-        const std::string before = ReadFileBytes(mainLog_.BackupPath());
-        while (ReadFileBytes(mainLog_.BackupPath()) == before) {
-            Write(next++);
-            if (next > 1000) {
-                ADD_FAILURE() << "no roll";
-                break;
-            }
+        const std::string backup = ReadFileBytes(mainLog_.BackupPath());
+        while (ReadFileBytes(mainLog_.BackupPath()) == backup && next < 1000) {
+            LogMessage(nullptr, LOG_LEVEL_INFO, L"Roll::Test", "%s", Line(next++).c_str());
         }
         return next;
+    }
+    static Lines Expected(int from, int to) {
+        Lines lines{kOpened};
+        for (int i = from; i < to; ++i) {
+            lines.push_back(Line(i));
+        }
+        return lines;
     }
 
     TempFolder folder_;
@@ -51,74 +46,55 @@ class LogRollTest : public ::testing::Test {
 };
 
 TEST_F(LogRollTest, RollsAfterTheLineThatCrossesTheLimit) {
-    const int firstAfterRoll = WriteUntilRolled(0);
+    const int firstRoll = WriteUntilRolled(0);
+    EXPECT_EQ(Messages(ReadLines(mainLog_.BackupPath())), Expected(0, firstRoll));
+    EXPECT_EQ(Messages(ReadLines(mainLog_.Path())), Expected(0, 0));
+    // The old file was within the limit before the crossing line.
+    const size_t backupSize = ReadFileBytes(mainLog_.BackupPath()).size();
+    EXPECT_GT(backupSize, kLimit);
+    EXPECT_LE(backupSize - ReadLines(mainLog_.BackupPath()).back().size() - 2, kLimit);
 
-    const std::string backup = ReadFileBytes(mainLog_.BackupPath());
-    const std::vector<std::string> backupLines = ReadLines(mainLog_.BackupPath());
-    ASSERT_EQ(backupLines.size(), static_cast<size_t>(firstAfterRoll) + 1);
-    EXPECT_EQ(Messages(backupLines)[0], kOpened);
-    for (int i = 0; i < firstAfterRoll; ++i) {
-        EXPECT_EQ(Messages(backupLines)[i + 1], Expected(i));
-    }
-    // The crossing line went into the old file, which was within the limit before it.
-    EXPECT_GT(backup.size(), kLimit);
-    EXPECT_LE(backup.size() - backupLines.back().size() - 2, kLimit);
-    EXPECT_EQ(Messages(ReadLines(mainLog_.Path())), std::vector<std::string>{kOpened});
-
-    // The next roll replaces the backup; nothing in between is lost.
-    const int secondRoll = WriteUntilRolled(firstAfterRoll);
-    const std::vector<std::string> secondBackup = Messages(ReadLines(mainLog_.BackupPath()));
-    ASSERT_EQ(secondBackup.size(), static_cast<size_t>(secondRoll - firstAfterRoll) + 1);
-    EXPECT_EQ(secondBackup[0], kOpened);
-    for (int i = firstAfterRoll; i < secondRoll; ++i) {
-        EXPECT_EQ(secondBackup[i - firstAfterRoll + 1], Expected(i));
-    }
-    Write(secondRoll);
-    EXPECT_EQ(Messages(ReadLines(mainLog_.Path())),
-              (std::vector<std::string>{kOpened, Expected(secondRoll)}));
+    // The next roll replaces the backup.
+    const int secondRoll = WriteUntilRolled(firstRoll);
+    EXPECT_EQ(Messages(ReadLines(mainLog_.BackupPath())), Expected(firstRoll, secondRoll));
 }
 
-TEST_F(LogRollTest, FailedRenameIsRaisedAndLaterLinesGoToStandardOutput) {
-    ASSERT_TRUE(CreateDirectoryW(mainLog_.BackupPath().c_str(), nullptr));
-    int index = 0;
-    try {
-        for (; index < 1000; ++index) {
-            Write(index);
+TEST_F(LogRollTest, FailuresAreRaisedAndLaterLinesGoToStandardOutput) {
+    struct Case {
+        const char* error;
+        bool blockRename;  // else block the reopening
+    };
+    const Case cases[] = {{"Failed to roll main log file", true},
+                          {"Failed to open main log after rolling", false}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.error);
+        TempFolder folder;
+        ScopedMainLog mainLog(folder.Path(), kLimit);
+        const std::wstring backupPath = mainLog.BackupPath();
+        if (c.blockRename) {
+            ASSERT_TRUE(CreateDirectoryW(backupPath.c_str(), nullptr));
+        } else {
+            CloseHandle(CreateFileW((folder.Path() + L"blocker").c_str(), GENERIC_WRITE, 0, nullptr,
+                                    CREATE_NEW, 0, nullptr));
+            Settings::Instance().LogPath = L"\\\\?\\" + folder.Path() + L"blocker\\logs\\";
         }
-        FAIL() << "no roll";
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "Failed to roll main log file");
-    }
-    const std::vector<std::string> lines = Messages(ReadLines(mainLog_.Path()));
-    ASSERT_EQ(lines.size(), static_cast<size_t>(index) + 2);
-    EXPECT_EQ(lines.back(), Expected(index));
-
-    StdoutCapture capture;
-    EXPECT_NO_THROW(Write(index + 1));
-    EXPECT_NE(capture.Text().find(Expected(index + 1)), std::string::npos);
-    EXPECT_EQ(Messages(ReadLines(mainLog_.Path())).size(), lines.size());
-}
-
-TEST_F(LogRollTest, FailedReopenIsRaised) {
-    const std::wstring blocker = folder_.Path() + L"blocker";
-    ASSERT_TRUE(CloseHandle(CreateFileW(blocker.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
-                                        FILE_ATTRIBUTE_NORMAL, nullptr)));
-    const std::wstring backupPath = mainLog_.BackupPath();
-    Settings::Instance().LogPath = L"\\\\?\\" + blocker + L"\\logs\\";
-    StdoutCapture capture;
-    int index = 0;
-    try {
-        for (; index < 1000; ++index) {
-            Write(index);
+        StdoutCapture capture;
+        int next = 0;
+        try {
+            while (next < 1000) {
+                LogMessage(nullptr, LOG_LEVEL_INFO, L"Roll::Test", "%s", Line(next++).c_str());
+            }
+            ADD_FAILURE() << "no roll";
+        } catch (const std::runtime_error& error) {
+            EXPECT_STREQ(error.what(), c.error);
         }
-        FAIL() << "no roll";
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "Failed to open main log after rolling");
+        // The crossing line was written before the roll failed.
+        EXPECT_EQ(Messages(ReadLines(c.blockRename ? mainLog.Path() : backupPath)),
+                  Expected(0, next));
+
+        EXPECT_NO_THROW(LogMessage(nullptr, LOG_LEVEL_INFO, L"Roll::Test", "afterwards"));
+        EXPECT_NE(capture.Text().find("[Roll::Test] afterwards"), std::string::npos);
     }
-    const std::vector<std::string> backup = Messages(ReadLines(backupPath));
-    ASSERT_EQ(backup.size(), static_cast<size_t>(index) + 2);
-    EXPECT_EQ(backup.back(), Expected(index));
-    EXPECT_NE(capture.Text().find("[OpenLog] Failed to open Log: "), std::string::npos);
 }
 
 }  // namespace

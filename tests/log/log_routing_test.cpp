@@ -15,29 +15,17 @@
 #include "tests/support/LogFiles.h"
 #include "trace/EventRecordData.h"
 
+using namespace plmx::testing;
 using logonmon::EventRecordData;
 using logonmon::ScopedCurrentRecord;
-using logonmon::SESSION_CONTEXT;
-using plmx::testing::EventBuilder;
-using plmx::testing::Messages;
-using plmx::testing::Narrow;
-using plmx::testing::ReadLines;
-using plmx::testing::ScopedFakeTdh;
-using plmx::testing::ScopedMainLog;
-using plmx::testing::TempFolder;
+using Lines = std::vector<std::string>;
 
 namespace {
 
-// 2024-03-05 06:07:08.009 UTC.
+// An event of 2024-03-05 06:07:08.009 UTC; a replayed trace shows its time.
 constexpr SYSTEMTIME kEventUtc = {2024, 3, 2, 5, 6, 7, 8, 9};
 
-uint64_t EventFileTime() {
-    FILETIME fileTime;
-    SystemTimeToFileTime(&kEventUtc, &fileTime);
-    return (static_cast<uint64_t>(fileTime.dwHighDateTime) << 32) | fileTime.dwLowDateTime;
-}
-
-std::string EventLocalTimestamp() {
+std::string EventLocalTime() {
     SYSTEMTIME local;
     SystemTimeToTzSpecificLocalTime(nullptr, &kEventUtc, &local);
     char text[32];
@@ -51,30 +39,26 @@ class LogRoutingTest : public ::testing::Test {
     LogRoutingTest() { logonmon::AllocateCurrentRecordSlot(); }
 
     std::unique_ptr<EventRecordData> Record(uint8_t level, const std::wstring& providerName) {
+        FILETIME time;
+        SystemTimeToFileTime(&kEventUtc, &time);
         EventBuilder builder;
-        builder.Provider(L"{DBE9B383-7CF3-4331-91CC-A3CB16A3B538}")
-            .EventId(5)
-            .Level(level)
-            .ProcessId(0x1a2b)
-            .ThreadId(0x3c)
-            .Timestamp(EventFileTime());
+        builder.EventId(5).Level(level).ProcessId(0x1a2b).ThreadId(0x3c).Timestamp(
+            (uint64_t(time.dwHighDateTime) << 32) | time.dwLowDateTime);
         if (!providerName.empty()) {
             builder.ProviderName(providerName);
         }
         return std::make_unique<EventRecordData>(builder.Record());
     }
-
-    // The main log's lines after its first, "Opened main log" line.
-    std::vector<std::string> MainLines() {
-        std::vector<std::string> lines = ReadLines(mainLog_.Path());
-        lines.erase(lines.begin());
-        return lines;
+    Lines MainLines() {
+        Lines lines = ReadLines(mainLog_.Path());
+        return Lines(lines.begin() + 1, lines.end());
     }
 
     ScopedFakeTdh tdh_;
     TempFolder folder_;
     ScopedMainLog mainLog_{folder_.Path()};
-    std::shared_ptr<SESSION_CONTEXT> session_ = std::make_shared<SESSION_CONTEXT>();
+    std::shared_ptr<logonmon::SESSION_CONTEXT> session_ =
+        std::make_shared<logonmon::SESSION_CONTEXT>();
 };
 
 TEST_F(LogRoutingTest, EventOfASessionWithAnOpenLogGoesToThatLog) {
@@ -92,13 +76,10 @@ TEST_F(LogRoutingTest, EventOfASessionWithAnOpenLogGoesToThatLog) {
     LogMessage(nullptr, LOG_LEVEL_TRACE, L"Routing::Test", "not an event");
 
     EXPECT_EQ(ReadLines(path),
-              std::vector<std::string>{EventLocalTimestamp() +
-                                       " INFO (1a2b-003c-3) [0005] [Microsoft-Windows-Winlogon] "
+              Lines{EventLocalTime() + " INFO (1a2b-003c-3) [0005] [Microsoft-Windows-Winlogon] "
                                        "handled logon"});
     EXPECT_EQ(Messages(MainLines()),
-              (std::vector<std::string>{"Created Folder: " + Narrow(Settings::Instance().LogPath),
-                                        "not an event"}));
-    CloseSessionLog(*sessionLog);
+              (Lines{"Created Folder: " + Narrow(Settings::Instance().LogPath), "not an event"}));
 }
 
 TEST_F(LogRoutingTest, SessionGetsALogRecordEvenFromFilteredLines) {
@@ -112,14 +93,12 @@ TEST_F(LogRoutingTest, SessionGetsALogRecordEvenFromFilteredLines) {
     LogMessage(nullptr, LOG_LEVEL_INFO, L"Routing::Test", "filtered");
     ASSERT_TRUE(session_->sessionLog);
     EXPECT_EQ(session_->sessionLog->stream, nullptr);
-    EXPECT_EQ(session_->sessionLog->logId.size(), 36u);
 
     // Without an open session log the session's lines go to the main log.
     Settings::Instance().LogLevel = 0x1F;
     LogMessage(nullptr, LOG_LEVEL_INFO, L"Routing::Test", "kept");
     EXPECT_EQ(MainLines(),
-              std::vector<std::string>{EventLocalTimestamp() +
-                                       " VERBOSE (1a2b-003c-7) [0005] "
+              Lines{EventLocalTime() + " VERBOSE (1a2b-003c-7) [0005] "
                                        "[Microsoft-Windows-User Profiles Service] kept"});
 }
 
@@ -130,8 +109,7 @@ TEST_F(LogRoutingTest, EventWithoutSessionOrProviderNameNamesTheFunction) {
         LogMessage(nullptr, LOG_LEVEL_INFO, L"Routing::Test", "unbound");
     }
     EXPECT_EQ(MainLines(),
-              std::vector<std::string>{EventLocalTimestamp() + " ERROR (1a2b-003c--1) [0005] "
-                                                               "[Routing::Test] unbound"});
+              Lines{EventLocalTime() + " ERROR (1a2b-003c--1) [0005] [Routing::Test] unbound"});
 }
 
 }  // namespace

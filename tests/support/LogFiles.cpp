@@ -8,7 +8,8 @@
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
-#include <string>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 #include "log/LogWriter.h"
@@ -17,21 +18,16 @@ namespace plmx::testing {
 
 TempFolder::TempFolder() {
     static std::atomic<unsigned> counter{0};
-    wchar_t temp[MAX_PATH + 1];
-    const DWORD length = GetTempPathW(MAX_PATH + 1, temp);
-    if (length == 0 || length > MAX_PATH) {
-        throw std::runtime_error("no temporary directory");
-    }
-    path_ = std::wstring(temp) + L"plmx-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
-            std::to_wstring(GetTickCount64()) + L"-" + std::to_wstring(counter++) + L"\\";
-    if (!CreateDirectoryW(path_.c_str(), nullptr)) {
-        throw std::runtime_error("cannot create a temporary folder");
-    }
+    const std::wstring name =
+        L"plmx-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(counter++);
+    path_ = (std::filesystem::temp_directory_path() / name).wstring() + L"\\";
+    std::filesystem::remove_all(path_);
+    std::filesystem::create_directory(path_);
 }
 
 TempFolder::~TempFolder() {
     std::error_code ignored;
-    std::filesystem::remove_all(std::filesystem::path(path_), ignored);
+    std::filesystem::remove_all(path_, ignored);
 }
 
 ScopedMainLog::ScopedMainLog(const std::wstring& folder, uint32_t maxSize)
@@ -55,20 +51,17 @@ std::wstring ScopedMainLog::Path() const {
 }
 
 std::wstring ScopedMainLog::BackupPath() const {
-    std::wstring path = MainLogPath();
+    const std::wstring path = MainLogPath();
     return path.substr(0, path.rfind(L'.')) + L".txt.bak";
 }
 
-StdoutCapture::StdoutCapture() : file_(folder_.Path() + L"stdout.txt") {
+StdoutCapture::StdoutCapture() {
     fflush(stdout);
     savedDescriptor_ = _dup(_fileno(stdout));
-    const int descriptor =
-        _wopen(file_.c_str(), _O_WRONLY | _O_CREAT | _O_TRUNC | _O_BINARY, _S_IREAD | _S_IWRITE);
-    if (savedDescriptor_ == -1 || descriptor == -1) {
-        throw std::runtime_error("cannot capture standard output");
-    }
-    _dup2(descriptor, _fileno(stdout));
-    _close(descriptor);
+    const int file = _wopen((folder_.Path() + L"stdout").c_str(), _O_WRONLY | _O_CREAT | _O_BINARY,
+                            _S_IREAD | _S_IWRITE);
+    _dup2(file, _fileno(stdout));
+    _close(file);
 }
 
 StdoutCapture::~StdoutCapture() {
@@ -79,103 +72,50 @@ StdoutCapture::~StdoutCapture() {
 
 std::string StdoutCapture::Text() const {
     fflush(stdout);
-    return ReadFileBytes(file_);
+    return ReadFileBytes(folder_.Path() + L"stdout");
 }
 
 std::string ReadFileBytes(const std::wstring& path) {
-    // Shares everything, like any reader of a log that is still open.
-    const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ,
-                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
-        return {};
-    }
-    std::string bytes;
-    char chunk[65536];
-    DWORD read = 0;
-    while (ReadFile(file, chunk, sizeof(chunk), &read, nullptr) && read > 0) {
-        bytes.append(chunk, read);
-    }
-    CloseHandle(file);
-    return bytes;
+    std::ifstream file(std::filesystem::path(path), std::ios::binary);
+    std::ostringstream bytes;
+    bytes << file.rdbuf();
+    return bytes.str();
 }
 
-std::vector<std::string> SplitLines(const std::string& bytes) {
+std::vector<std::string> ReadLines(const std::wstring& path) {
+    const std::string bytes = ReadFileBytes(path);
     std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < bytes.size()) {
-        const size_t end = bytes.find("\r\n", start);
+    for (size_t start = 0, end; start < bytes.size(); start = end + 2) {
+        end = bytes.find("\r\n", start);
         if (end == std::string::npos) {
-            lines.push_back(bytes.substr(start));
-            break;
+            end = bytes.size();
         }
         lines.push_back(bytes.substr(start, end - start));
-        start = end + 2;
     }
     return lines;
 }
 
-std::vector<std::string> ReadLines(const std::wstring& path) {
-    return SplitLines(ReadFileBytes(path));
-}
-
-namespace {
-
-bool IsTimestamp(const std::string& text) {
-    static constexpr char kShape[] = "dddd-dd-ddTdd:dd:dd.ddd";
-    if (text.size() != sizeof(kShape) - 1) {
-        return false;
-    }
-    for (size_t i = 0; i < text.size(); ++i) {
-        const bool digit = text[i] >= '0' && text[i] <= '9';
-        if (kShape[i] == 'd' ? !digit : text[i] != kShape[i]) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Takes the text up to `delimiter` from `position` on and moves past it.
-bool TakeUntil(const std::string& line, size_t& position, const char* delimiter,
-               std::string* taken) {
-    const size_t end = line.find(delimiter, position);
-    if (end == std::string::npos) {
-        return false;
-    }
-    *taken = line.substr(position, end - position);
-    position = end + std::char_traits<char>::length(delimiter);
-    return true;
-}
-
-}  // namespace
-
 std::optional<LogLine> ParseLogLine(const std::string& line) {
-    LogLine parsed;
-    size_t position = 0;
-    if (!TakeUntil(line, position, " ", &parsed.timestamp) || !IsTimestamp(parsed.timestamp) ||
-        !TakeUntil(line, position, " (", &parsed.level) ||
-        !TakeUntil(line, position, ") [", &parsed.ids)) {
+    // "<timestamp> <level> (<ids>) [<source>] " or, for events,
+    // "<timestamp> <level> (<ids>) [<event id>] [<source>] ".
+    const size_t level = line.find(' ') + 1;
+    const size_t open = line.find(" (", level);
+    const size_t close = line.find(") [", open);
+    if (level != 24 || open == std::string::npos || close == std::string::npos) {
         return std::nullopt;
     }
-    const size_t close = line.find("] ", position);
-    if (close == std::string::npos) {
+    size_t source = close + 3;
+    const size_t idEnd = line.find("] [", source);
+    if (idEnd != std::string::npos && idEnd > source &&
+        line.find_first_not_of("0123456789", source) == idEnd) {
+        source = idEnd + 3;
+    }
+    const size_t sourceEnd = line.find("] ", source);
+    if (sourceEnd == std::string::npos) {
         return std::nullopt;
     }
-    const std::string first = line.substr(position, close - position);
-    position = close + 2;
-    const bool eventLine = !first.empty() &&
-                           first.find_first_not_of("0123456789") == std::string::npos &&
-                           line.compare(position, 1, "[") == 0;
-    if (eventLine) {
-        parsed.eventId = first;
-        if (!TakeUntil(line, ++position, "] ", &parsed.source)) {
-            return std::nullopt;
-        }
-    } else {
-        parsed.source = first;
-    }
-    parsed.message = line.substr(position);
-    return parsed;
+    return LogLine{line.substr(level, open - level), line.substr(open + 2, close - open - 2),
+                   line.substr(source, sourceEnd - source), line.substr(sourceEnd + 2)};
 }
 
 std::vector<std::string> Messages(const std::vector<std::string>& lines) {
@@ -188,11 +128,7 @@ std::vector<std::string> Messages(const std::vector<std::string>& lines) {
 }
 
 std::string Narrow(const std::wstring& text) {
-    std::string narrow;
-    for (wchar_t c : text) {
-        narrow += static_cast<char>(c);
-    }
-    return narrow;
+    return std::string(text.begin(), text.end());
 }
 
 }  // namespace plmx::testing

@@ -1,5 +1,5 @@
-// Test helpers for the log writer: temporary folders, log files read back
-// byte for byte, parsed log lines, captured standard output.
+// Test helpers for the log writer: temporary folders, the main log pointed
+// at one, captured standard output and log files read back line by line.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +11,7 @@
 
 namespace plmx::testing {
 
-// A new folder under the temporary directory, removed with its contents
-// when the object goes.
+// A new folder under the temporary directory, removed with its contents.
 class TempFolder {
   public:
     TempFolder();
@@ -20,16 +19,14 @@ class TempFolder {
     TempFolder(const TempFolder&) = delete;
     TempFolder& operator=(const TempFolder&) = delete;
 
-    // Ends in a backslash.
-    const std::wstring& Path() const { return path_; }
+    const std::wstring& Path() const { return path_; }  // ends in a backslash
 
   private:
     std::wstring path_;
 };
 
-// Points the process-wide settings at `folder` with every level on and the
-// given size limit, and opens the main log there; closes it and restores
-// the settings when the object goes.
+// Points the process-wide settings at `folder` with every level on and opens
+// the main log there; closes it and restores the settings when it goes.
 class ScopedMainLog {
   public:
     explicit ScopedMainLog(const std::wstring& folder, uint32_t maxSize = 100000000);
@@ -44,8 +41,7 @@ class ScopedMainLog {
     Settings saved_;
 };
 
-// Sends what the process writes to standard output into a file while the
-// object lives.
+// Sends standard output into a file while it lives.
 class StdoutCapture {
   public:
     StdoutCapture();
@@ -53,27 +49,21 @@ class StdoutCapture {
     StdoutCapture(const StdoutCapture&) = delete;
     StdoutCapture& operator=(const StdoutCapture&) = delete;
 
-    // What was captured so far, bytes as written.
     std::string Text() const;
 
   private:
     TempFolder folder_;
-    std::wstring file_;
     int savedDescriptor_;
 };
 
-// The whole file as bytes; empty when it cannot be read.
 std::string ReadFileBytes(const std::wstring& path);
 // The file's lines without their "\r\n".
 std::vector<std::string> ReadLines(const std::wstring& path);
-std::vector<std::string> SplitLines(const std::string& bytes);
 
 struct LogLine {
-    std::string timestamp;
-    std::string level;    // the tag, or the event's level name
-    std::string ids;      // inside the parentheses
-    std::string eventId;  // empty for the plain prefix
-    std::string source;   // function or provider name
+    std::string level;   // the tag, or the event's level name
+    std::string ids;     // inside the parentheses
+    std::string source;  // function or provider name
     std::string message;
 };
 // Either prefix; nothing when the line has neither.
