@@ -1,5 +1,6 @@
 // Lines per second through the log writer against a bare format, fwrite and
-// fflush loop writing the same lines to the same folder.
+// fflush loop writing the same lines to the same folder, from 1 and from 4
+// threads (the bare loop then takes one lock around each line).
 //
 //   log_writer_bench [folder]
 //
@@ -69,18 +70,14 @@ int FormatLine(char* buffer, size_t size, const char* format, ...) {
     return length;
 }
 
-// Seconds for kLines lines of the same shape written by the plainest loop:
-// format the whole line, write it, flush it.
-double TimeBareLoop(const std::wstring& folder) {
-    const std::wstring path = folder + L"bare.txt";
-    FILE* file = _wfopen(path.c_str(), L"a+");
-    if (file == nullptr) {
-        fprintf(stderr, "cannot open %ls\n", path.c_str());
-        exit(1);
-    }
+// The plainest writer of lines of the same shape: format the whole line,
+// write it, flush it; with several threads, one lock around each line.
+void WriteBare(FILE* file, CRITICAL_SECTION* lock, int thread, int lines) {
     std::vector<char> buffer(0x10000);
-    const Clock::time_point start = Clock::now();
-    for (int i = 0; i < kLines; ++i) {
+    for (int i = 0; i < lines; ++i) {
+        if (lock != nullptr) {
+            EnterCriticalSection(lock);
+        }
         SYSTEMTIME now;
         GetLocalTime(&now);
         int length = FormatLine(
@@ -89,15 +86,40 @@ double TimeBareLoop(const std::wstring& folder) {
             "thread %d, user %ws, elapsed %I64u\n",
             now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds,
             static_cast<unsigned>(GetCurrentProcessId()),
-            static_cast<unsigned>(GetCurrentThreadId()), kFunction, i, 0, L"CORP\\user01",
+            static_cast<unsigned>(GetCurrentThreadId()), kFunction, i, thread, L"CORP\\user01",
             static_cast<unsigned long long>(i) * 1000);
         if (length < 0) {
             length = static_cast<int>(buffer.size() - 1);
         }
         fwrite(buffer.data(), 1, static_cast<size_t>(length), file);
         fflush(file);
+        if (lock != nullptr) {
+            LeaveCriticalSection(lock);
+        }
+    }
+}
+
+// Seconds for kLines lines through the bare loop from `threads` threads.
+double TimeBareLoop(const std::wstring& folder, int threads) {
+    const std::wstring path = folder + L"bare.txt";
+    FILE* file = _wfopen(path.c_str(), L"a+");
+    if (file == nullptr) {
+        fprintf(stderr, "cannot open %ls\n", path.c_str());
+        exit(1);
+    }
+    CRITICAL_SECTION lock;
+    InitializeCriticalSection(&lock);
+    const Clock::time_point start = Clock::now();
+    std::vector<std::thread> writers;
+    for (int thread = 0; thread < threads; ++thread) {
+        writers.emplace_back(WriteBare, file, threads > 1 ? &lock : nullptr, thread,
+                             kLines / threads);
+    }
+    for (std::thread& writer : writers) {
+        writer.join();
     }
     const double seconds = Seconds(Clock::now() - start);
+    DeleteCriticalSection(&lock);
     fclose(file);
     DeleteFileW(path.c_str());
     return seconds;
@@ -114,30 +136,31 @@ std::wstring NewTempFolder() {
 int wmain(int argc, wchar_t** argv) {
     const bool ownFolder = argc < 2;
     const std::wstring folder = AddTrailingSeparator(ownFolder ? NewTempFolder() : argv[1]);
-    RecurseCreateFolder(folder);
-
     Settings& settings = Settings::Instance();
     settings.LogPath = AddLongPathPrefix(folder);
     settings.LogLevel = LOG_LEVEL_ERROR | LOG_LEVEL_INFO;
     settings.LogMaxSize = 0xFFFFFFFF;
 
-    // Rounds interleave the three runs and keep each one's fastest: the
-    // machine may be shared, and slow rounds are noise.
-    double oneThread = 1e9;
-    double fourThreads = 1e9;
-    double bare = 1e9;
+    // Rounds interleave the runs and keep each one's fastest: the machine may
+    // be shared, and slow rounds are noise.
+    double writer[2] = {1e9, 1e9};
+    double bare[2] = {1e9, 1e9};
+    const int threadCounts[2] = {1, 4};
     for (int round = 0; round < kRounds; ++round) {
-        oneThread = std::min(oneThread, TimeLogger(1));
-        fourThreads = std::min(fourThreads, TimeLogger(4));
-        bare = std::min(bare, TimeBareLoop(folder));
+        for (int run = 0; run < 2; ++run) {
+            writer[run] = std::min(writer[run], TimeLogger(threadCounts[run]));
+            bare[run] = std::min(bare[run], TimeBareLoop(folder, threadCounts[run]));
+        }
     }
 
-    printf("%d lines each, best of %d rounds, folder %ls\n", kLines, kRounds, folder.c_str());
-    printf("log writer, 1 thread:   %10.0f lines/s\n", kLines / oneThread);
-    printf("log writer, 4 threads:  %10.0f lines/s\n", kLines / fourThreads);
-    printf("bare loop, 1 thread:    %10.0f lines/s\n", kLines / bare);
-    printf("writer time / bare time, 1 thread:  %.2f\n", oneThread / bare);
-    printf("writer time / bare time, 4 threads: %.2f\n", fourThreads / bare);
+    printf("%d lines per run, best of %d rounds, folder %ls\n", kLines, kRounds, folder.c_str());
+    for (int run = 0; run < 2; ++run) {
+        printf(
+            "%d thread(s): log writer %8.0f lines/s, bare loop %8.0f lines/s, "
+            "writer time / bare time %.2f\n",
+            threadCounts[run], kLines / writer[run], kLines / bare[run], writer[run] / bare[run]);
+    }
+    printf("log writer, 4 threads against the bare loop, 1 thread: %.2f\n", writer[1] / bare[0]);
 
     if (ownFolder) {
         std::error_code ignored;
