@@ -54,6 +54,10 @@ std::wstring SystemTimeText(const SYSTEMTIME& time) {
 
 }  // namespace
 
+std::span<const wchar_t* const> WinlogonNotificationNames() {
+    return kWinlogonNotifications;
+}
+
 // The reader decides the signedness: bytes and 16-bit values are
 // zero-extended, 32- and 64-bit integers are written unsigned whatever the
 // in-type, and only BOOLEAN is written signed.

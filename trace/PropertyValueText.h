@@ -2,11 +2,15 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "trace/PropertyReader.h"
 
 namespace logonmon {
+
+// Winlogon's notification names, indexed by the "Event" value standing for each.
+std::span<const wchar_t* const> WinlogonNotificationNames();
 
 // `winlogonNotification`: the property is Winlogon's "Event", whose UINT32
 // values 0 to 13 are written as notification names.
