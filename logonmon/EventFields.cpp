@@ -1,8 +1,10 @@
 #include "logonmon/EventFields.h"
 
 #include <cstring>
+#include <vector>
 
 #include "logonmon/Providers.h"
+#include "trace/TextForms.h"
 
 namespace logonmon {
 
@@ -64,6 +66,22 @@ std::optional<uint32_t> PayloadWord(const EventRecordData& record, size_t offset
     const uint8_t* bytes = record.userData.data() + offset;
     return static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[1]) << 8 |
            static_cast<uint32_t>(bytes[2]) << 16 | static_cast<uint32_t>(bytes[3]) << 24;
+}
+
+std::wstring PayloadText(const EventRecordData& record, size_t offset, size_t units) {
+    if (record.userData.size() < offset + units * 2) {
+        return {};
+    }
+    std::vector<char16_t> field(units);
+    const uint8_t* bytes = record.userData.data() + offset;
+    for (size_t i = 0; i < units; ++i) {
+        field[i] = static_cast<char16_t>(bytes[2 * i] | bytes[2 * i + 1] << 8);
+    }
+    return WideFromUtf16(field.data(), units);
+}
+
+std::wstring SidText(const EventRecordData& record) {
+    return record.userSid ? record.userSid->ToString() : std::wstring();
 }
 
 uint32_t EventSessionId(const EventRecordData& record) {

@@ -33,4 +33,11 @@ uint32_t EventSessionId(const EventRecordData& record);
 // Little-endian 32-bit word of a payload at `offset`; nullopt when short.
 std::optional<uint32_t> PayloadWord(const EventRecordData& record, size_t offset);
 
+// A UTF-16 text field of a payload, `units` long, up to its first null; one
+// that is not terminated inside its field ends at the field's end.
+std::wstring PayloadText(const EventRecordData& record, size_t offset, size_t units);
+
+// The SID's text, empty when the event carries none.
+std::wstring SidText(const EventRecordData& record);
+
 }  // namespace logonmon

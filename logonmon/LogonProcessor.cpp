@@ -68,7 +68,7 @@ void LogonProcessor::OnLogonStart(SESSION_CONTEXT&) {}
 void LogonProcessor::OnLogonEnd(SESSION_CONTEXT&) {}
 void LogonProcessor::EnableSampling(bool) {}
 
-// The session summary report is added with the report itself.
+// Empty until the session summary report is written here.
 void LogonProcessor::LogSummary(SESSION_CONTEXT&) {}
 
 void LogonProcessor::LogExtendedSummary(SESSION_CONTEXT&) {}

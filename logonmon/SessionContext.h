@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 
 #include "trace/EventRecordData.h"
 #include "trace/Sid.h"
@@ -17,6 +18,16 @@ namespace logonmon {
 // Named instants of a logon (100 ns FILETIME units); a later event
 // overwrites an earlier one.
 using TimingPoints = std::map<std::wstring, uint64_t>;
+
+// A named duration: whole milliseconds, or seconds.
+using NamedDuration = std::variant<int32_t, float>;
+
+// A logon script host process (GPSCRIPT.EXE) of the session.
+struct ScriptHost {
+    uint32_t parentProcessId = 0;
+    // A PowerShell script runs under it.
+    bool powerShell = false;
+};
 
 struct SESSION_CONTEXT {
     uint32_t sessionId = 0;
@@ -34,6 +45,23 @@ struct SESSION_CONTEXT {
     // 0xFFFFFFFF once Winlogon's Profiles subscriber finished the logon.
     uint32_t profileFinished = 0;
     std::wstring localProfilePath;
+    std::wstring profileSyncSource;
+    std::wstring profileSyncTarget;
+    // The remote client, as the session manager reports it.
+    std::wstring clientUser;
+    std::wstring clientAddress;
+
+    // Group Policy client-side extensions.
+    int32_t asyncPolicies = 0;
+    int32_t syncPolicies = 0;
+    int32_t changedPolicies = 0;
+    int32_t failedPolicies = 0;
+    // Extension name to milliseconds spent in it.
+    std::map<std::wstring, uint32_t> cseDurations;
+    // Policy and logon script times by name.
+    std::map<std::wstring, NamedDuration> namedDurations;
+    // By process id.
+    std::map<uint32_t, ScriptHost> scriptHosts;
 
     // Timestamp of the event that created the context; tells apart two
     // logons that reused one session id.

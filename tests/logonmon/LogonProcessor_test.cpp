@@ -24,29 +24,7 @@ std::string Narrow(const std::wstring& text) {
     return logonmon::Utf8FromWide(text);
 }
 
-class LogonProcessorTest : public ::testing::Test {
-  protected:
-    RecordingProcessor& Processor(const SESSION_CONFIG& config = {}) {
-        processor_ = std::make_unique<RecordingProcessor>(
-            config, logonmon::ProcessorServices{&timers_, &clock_, &accounts_});
-        return *processor_;
-    }
-
-    // CreateSession, Login and the shell's start, as Winlogon reports them.
-    void StartLogon(RecordingProcessor& processor, uint32_t session, const std::wstring& sid,
-                    uint64_t start) {
-        processor.Feed(CreateSession(session, sid, start));
-        processor.Feed(Login(session, sid, start + kSecond));
-        processor.Feed(NotifyStart(kStartShell, session, start + 20 * kSecond));
-        processor.Feed(NotifyStop(kStartShell, session, start + 21 * kSecond));
-    }
-
-    ScopedFakeTdh tdh_;
-    ManualTimerService timers_;
-    FakeClock clock_;
-    FakeAccounts accounts_;
-    std::unique_ptr<RecordingProcessor> processor_;
-};
+using LogonProcessorTest = ProcessorFixture;
 
 TEST_F(LogonProcessorTest, FollowsALogonFromCreateSessionToShellInitialized) {
     accounts_.accounts[kAliceSid] = {L"CORP", L"alice"};
@@ -368,30 +346,6 @@ TEST_F(LogonProcessorTest, ServicesNameTheSessionInAProperty) {
         const auto lines = processor.LinesWith("session manager");
         ASSERT_EQ(lines.size(), 1u);
         EXPECT_EQ(lines[0].session, c.session) << Narrow(c.property + L"=" + c.value);
-    }
-}
-
-TEST_F(LogonProcessorTest, TheRemoteAgentNamesItsSessionInThePayload) {
-    struct Case {
-        std::vector<uint8_t> payload;
-        int64_t session;
-    };
-    for (const Case& c : {Case{{2, 0, 0, 0, 0xAA}, 2}, Case{{2, 0, 0}, 3}}) {
-        auto& processor = Processor(SESSION_CONFIG{0, false, false, true});
-        processor.Feed(CreateSession(2, kAliceSid, kMorning));
-        processor.Feed(CreateSession(3, kBobSid, kMorning));
-        TestEvent event;
-        event.provider = kRemoteAgentGuid;
-        event.id = 99;
-        event.session = 3;
-        event.time = kMorning + kSecond;
-        event.message = L"agent";
-        event.payload = c.payload;
-        processor.Feed(event);
-
-        const auto lines = processor.LinesWith("agent");
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0].session, c.session) << c.payload.size();
     }
 }
 

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "logonmon/LogonProcessor.h"
 #include "tests/support/EventBuilder.h"
 
@@ -19,7 +21,7 @@ namespace plmx::testing {
 
 inline constexpr uint64_t kSecond = 10'000'000;
 // 2024-03-01T08:00:00Z
-inline constexpr uint64_t kMorning = 133'537'248'000'000'000;
+inline constexpr uint64_t kMorning = 133'537'536'000'000'000;
 
 inline constexpr wchar_t kWinlogonGuid[] = L"dbe9b383-7cf3-4331-91cc-a3cb16a3b538";
 inline constexpr wchar_t kShellCoreGuid[] = L"30336ed4-e327-447c-9de0-51b652c86108";
@@ -131,6 +133,31 @@ class RecordingProcessor : public logonmon::LogonProcessor {
     std::vector<bool> sampling;
     // Thrown from LogFormatted when a line with this text is written.
     std::string throwOnText;
+};
+
+// A processor with fake services, made anew by each call of Processor().
+class ProcessorFixture : public ::testing::Test {
+  protected:
+    RecordingProcessor& Processor(const logonmon::SESSION_CONFIG& config = {}) {
+        processor_ = std::make_unique<RecordingProcessor>(
+            config, logonmon::ProcessorServices{&timers_, &clock_, &accounts_});
+        return *processor_;
+    }
+
+    // CreateSession, Login and the shell's start, as Winlogon reports them.
+    static void StartLogon(RecordingProcessor& processor, uint32_t session, const std::wstring& sid,
+                           uint64_t start) {
+        processor.Feed(CreateSession(session, sid, start));
+        processor.Feed(Login(session, sid, start + kSecond));
+        processor.Feed(NotifyStart(kStartShell, session, start + 20 * kSecond));
+        processor.Feed(NotifyStop(kStartShell, session, start + 21 * kSecond));
+    }
+
+    ScopedFakeTdh tdh_;
+    ManualTimerService timers_;
+    FakeClock clock_;
+    FakeAccounts accounts_;
+    std::unique_ptr<RecordingProcessor> processor_;
 };
 
 }  // namespace plmx::testing
