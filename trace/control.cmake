@@ -4,3 +4,11 @@
 # The registry key wrapper, usable by anything that writes the registry.
 add_library(plmx_registry STATIC ${CMAKE_CURRENT_LIST_DIR}/RegistryKey_win.cpp)
 target_link_libraries(plmx_registry PUBLIC plmx_options advapi32)
+
+add_library(plmx_trace_control STATIC
+    ${CMAKE_CURRENT_LIST_DIR}/Controller_win.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/DebugOutput_win.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/EtwControlApi_win.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/ProviderLists_win.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/SessionProperties_win.cpp)
+target_link_libraries(plmx_trace_control PUBLIC plmx_trace plmx_registry advapi32)

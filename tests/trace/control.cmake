@@ -1,0 +1,5 @@
+# Windows-only: session control against a recording stand-in for ETW, boot-time
+# entries against the Wine prefix's registry, and the file-trace commands.
+plmx_add_test(trace_control_tests
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/Controller_test.cpp
+    LIBS plmx_trace_control)
