@@ -6,6 +6,7 @@ add_library(plmx_registry STATIC ${CMAKE_CURRENT_LIST_DIR}/RegistryKey_win.cpp)
 target_link_libraries(plmx_registry PUBLIC plmx_options advapi32)
 
 add_library(plmx_trace_control STATIC
+    ${CMAKE_CURRENT_LIST_DIR}/AutoLogger_win.cpp
     ${CMAKE_CURRENT_LIST_DIR}/Controller_win.cpp
     ${CMAKE_CURRENT_LIST_DIR}/DebugOutput_win.cpp
     ${CMAKE_CURRENT_LIST_DIR}/EtwControlApi_win.cpp

@@ -2,4 +2,5 @@
 # entries against the Wine prefix's registry, and the file-trace commands.
 plmx_add_test(trace_control_tests
     SOURCES ${CMAKE_CURRENT_LIST_DIR}/Controller_test.cpp
+            ${CMAKE_CURRENT_LIST_DIR}/AutoLogger_test.cpp
     LIBS plmx_trace_control)
