@@ -68,9 +68,6 @@ void LogonProcessor::OnLogonStart(SESSION_CONTEXT&) {}
 void LogonProcessor::OnLogonEnd(SESSION_CONTEXT&) {}
 void LogonProcessor::EnableSampling(bool) {}
 
-// Empty until the session summary report is written here.
-void LogonProcessor::LogSummary(SESSION_CONTEXT&) {}
-
 void LogonProcessor::LogExtendedSummary(SESSION_CONTEXT&) {}
 void LogonProcessor::LogFormatted(uint32_t, const wchar_t*, const char*, ...) {}
 
