@@ -11,9 +11,6 @@
 
 namespace logonmon {
 
-// EVENT_ENABLE_PROPERTY_PROCESS_START_KEY, missing from older SDK headers.
-inline constexpr uint32_t kEnablePropertyProcessStartKey = 0x80;
-
 inline constexpr wchar_t kTimingSessionName[] = L"logonmon_timing";
 inline constexpr wchar_t kDiagnosticSessionName[] = L"logonmon_diag_trace_rt";
 inline constexpr wchar_t kFileSessionName[] = L"logonmon_diag_trace_file";

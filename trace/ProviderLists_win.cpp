@@ -5,6 +5,9 @@
 namespace logonmon {
 namespace {
 
+// EVENT_ENABLE_PROPERTY_PROCESS_START_KEY, missing from older SDK headers.
+constexpr uint32_t kEnablePropertyProcessStartKey = 0x80;
+
 // Every event carries the user SID and terminal session id that decoding
 // reads.
 constexpr uint32_t kEnableProperty =
