@@ -13,3 +13,8 @@ add_library(plmx_trace_control STATIC
     ${CMAKE_CURRENT_LIST_DIR}/ProviderLists_win.cpp
     ${CMAKE_CURRENT_LIST_DIR}/SessionProperties_win.cpp)
 target_link_libraries(plmx_trace_control PUBLIC plmx_trace plmx_registry advapi32)
+
+# The console commands behind "/traceOn" and "/traceOff"; they report through
+# the service's log writer.
+add_library(plmx_file_trace STATIC ${CMAKE_CURRENT_LIST_DIR}/FileTrace_win.cpp)
+target_link_libraries(plmx_file_trace PUBLIC plmx_trace_control plmx_log)

@@ -4,3 +4,6 @@ plmx_add_test(trace_control_tests
     SOURCES ${CMAKE_CURRENT_LIST_DIR}/Controller_test.cpp
             ${CMAKE_CURRENT_LIST_DIR}/AutoLogger_test.cpp
     LIBS plmx_trace_control)
+plmx_add_test(file_trace_tests
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/FileTrace_test.cpp
+    LIBS plmx_file_trace plmx_log_test_support)
