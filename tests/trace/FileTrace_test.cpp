@@ -20,158 +20,115 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using testing::RecordingEtwControl;
 
-const std::wstring kEntryPath = std::wstring(kAutoLoggerKey) + L"\\" + kFileSessionName;
+const std::wstring kEntry = std::wstring(kAutoLoggerKey) + L"\\" + kFileSessionName;
+constexpr char kSaved[] =
+    "ERROR [StartFileTrace] Persistent trace session AutoLogger saved in registry";
 
-// "<level> [<function>] <message>" of each line written to standard output.
-std::vector<std::string> LogLines(const std::string& output) {
-    std::vector<std::string> lines;
-    std::istringstream stream(output);
-    for (std::string line; std::getline(stream, line);) {
-        if (!line.empty() && line.back() == '\r') {
-            line.pop_back();
-        }
-        const std::optional<plmx::testing::LogLine> parsed = plmx::testing::ParseLogLine(line);
-        lines.push_back(parsed ? parsed->level + " [" + parsed->source + "] " + parsed->message
-                               : "<unparsed> " + line);
-    }
-    return lines;
-}
-
-bool EntryExists() {
-    HKEY key = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kEntryPath.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) {
-        return false;
-    }
-    RegCloseKey(key);
-    return true;
-}
-
+// The boot entry's "FileName"; empty without an entry.
 std::wstring EntryFileName() {
     wchar_t text[512] = {};
     DWORD size = sizeof(text);
-    RegGetValueW(HKEY_LOCAL_MACHINE, kEntryPath.c_str(), L"FileName", RRF_RT_REG_SZ, nullptr, text,
+    RegGetValueW(HKEY_LOCAL_MACHINE, kEntry.c_str(), L"FileName", RRF_RT_REG_SZ, nullptr, text,
                  &size);
     return text;
 }
 
-// Each test starts and ends without a boot entry; ETW is the recording
-// stand-in, the registry the Wine prefix's.
+// ETW is the recording stand-in, the registry the Wine prefix's; every test
+// starts and ends without a boot entry.
 class FileTraceTest : public ::testing::Test {
   protected:
     void SetUp() override { AutoLogger::Delete(kFileSessionName); }
     void TearDown() override { AutoLogger::Delete(kFileSessionName); }
 
-    // Runs `command` and returns its result with the log lines it wrote.
+    // Runs `command`; `lines` receives "<level> [<function>] <message>" of
+    // each line it logged.
     template <typename Command>
     ULONG Run(Command command, std::vector<std::string>* lines) {
         plmx::testing::StdoutCapture capture;
         const ULONG result = command();
-        *lines = LogLines(capture.Text());
+        lines->clear();
+        std::istringstream output(capture.Text());
+        for (std::string line; std::getline(output, line);) {
+            const auto parsed = plmx::testing::ParseLogLine(line.substr(0, line.find('\r')));
+            lines->push_back(parsed ? parsed->level + " [" + parsed->source + "] " + parsed->message
+                                    : "<unparsed> " + line);
+        }
         return result;
     }
 
     RecordingEtwControl etw_;
+    std::vector<std::string> lines_;
 };
 
 TEST_F(FileTraceTest, PersistentTraceTwiceKeepsTheFirstEntryAndStartsNothingMore) {
-    std::vector<std::string> lines;
-    ASSERT_EQ(Run([] { return StartFileTrace(L"C:\\first.etl", true); }, &lines), 0u);
-    EXPECT_THAT(lines,
-                ElementsAre("ERROR [StartFileTrace] Persistent trace session AutoLogger saved in "
-                            "registry",
-                            "INFO [StartFileTrace] Tracing to C:\\first.etl succeeded."));
+    ASSERT_EQ(Run([] { return StartFileTrace(L"C:\\first.etl", true); }, &lines_), 0u);
+    EXPECT_THAT(lines_,
+                ElementsAre(kSaved, "INFO [StartFileTrace] Tracing to C:\\first.etl succeeded."));
     EXPECT_EQ(etw_.startedName, L"logonmon_diag_trace_file");
     EXPECT_EQ(etw_.enables.size(), 23u);
     EXPECT_EQ(EntryFileName(), L"C:\\first.etl");
 
     etw_.calls.clear();
-    EXPECT_EQ(Run([] { return StartFileTrace(L"C:\\second.etl", true); }, &lines),
-              static_cast<ULONG>(ERROR_ALREADY_EXISTS));
-    EXPECT_THAT(lines,
+    EXPECT_EQ(Run([] { return StartFileTrace(L"C:\\second.etl", true); }, &lines_),
+              ULONG{ERROR_ALREADY_EXISTS});
+    EXPECT_THAT(lines_,
                 ElementsAre("ERROR [StartFileTrace] logonmon::AutoLogger::Save failed, ret = 183"));
     EXPECT_THAT(etw_.calls, IsEmpty());
     EXPECT_EQ(EntryFileName(), L"C:\\first.etl");
 }
 
 TEST_F(FileTraceTest, AFailedStartRemovesTheEntryItJustSaved) {
-    struct Case {
-        const char* name;
+    const struct {
         ULONG startResult;
         size_t failingEnable;
+        ULONG expected;
+    } cases[] = {
+        {ERROR_ALREADY_EXISTS, SIZE_MAX, ERROR_ALREADY_EXISTS},  // the session runs already
+        {ERROR_ACCESS_DENIED, SIZE_MAX, ERROR_ACCESS_DENIED},
+        {ERROR_SUCCESS, 2, etw_.enableFailure},  // the third provider is refused
     };
-    const Case cases[] = {
-        {"session already running", ERROR_ALREADY_EXISTS, SIZE_MAX},
-        {"start refused", ERROR_ACCESS_DENIED, SIZE_MAX},
-        {"third provider refused", ERROR_SUCCESS, 2},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         etw_.startResult = c.startResult;
         etw_.failingEnable = c.failingEnable;
-        std::vector<std::string> lines;
-        const ULONG result = Run([] { return StartFileTrace(L"C:\\t.etl", true); }, &lines);
-        EXPECT_NE(result, 0u) << c.name;
-        EXPECT_EQ(result, c.startResult != ERROR_SUCCESS ? c.startResult : etw_.enableFailure);
-        EXPECT_THAT(lines, ElementsAre("ERROR [StartFileTrace] Persistent trace session "
-                                       "AutoLogger saved in registry"))
-            << c.name;
-        EXPECT_FALSE(EntryExists()) << c.name;
+        EXPECT_EQ(Run([] { return StartFileTrace(L"C:\\t.etl", true); }, &lines_), c.expected);
+        EXPECT_THAT(lines_, ElementsAre(kSaved));
+        EXPECT_EQ(EntryFileName(), L"") << c.expected;
     }
-}
 
-TEST_F(FileTraceTest, AnOverlongPathThrowsAndLeavesNoEntry) {
-    const std::wstring path = L"C:\\" + std::wstring(1021, L'p');
     plmx::testing::StdoutCapture capture;
-    EXPECT_THROW(
-        {
-            try {
-                StartFileTrace(path, true);
-            } catch (const std::runtime_error& error) {
-                EXPECT_STREQ(error.what(), "file name string too long");
-                throw;
-            }
-        },
-        std::runtime_error);
-    EXPECT_FALSE(EntryExists());
-    EXPECT_THAT(etw_.calls, IsEmpty());
+    try {
+        StartFileTrace(L"C:\\" + std::wstring(1021, L'p'), true);
+        ADD_FAILURE() << "no exception";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(error.what(), "file name string too long");
+    }
+    EXPECT_EQ(EntryFileName(), L"");
 }
 
-TEST_F(FileTraceTest, WithoutPersistentNoEntryIsWrittenOrRemoved) {
-    std::vector<std::string> lines;
-    ASSERT_EQ(Run([] { return StartFileTrace(L"C:\\t.etl", false); }, &lines), 0u);
-    EXPECT_THAT(lines, ElementsAre("INFO [StartFileTrace] Tracing to C:\\t.etl succeeded."));
-    EXPECT_FALSE(EntryExists());
+TEST_F(FileTraceTest, WithoutPersistentTheEntryIsLeftAlone) {
+    ASSERT_EQ(Run([] { return StartFileTrace(L"C:\\t.etl", false); }, &lines_), 0u);
+    EXPECT_THAT(lines_, ElementsAre("INFO [StartFileTrace] Tracing to C:\\t.etl succeeded."));
+    EXPECT_EQ(EntryFileName(), L"");
 
-    etw_.startResult = ERROR_ALREADY_EXISTS;
-    EXPECT_EQ(Run([] { return StartFileTrace(L"C:\\t.etl", false); }, &lines),
-              static_cast<ULONG>(ERROR_ALREADY_EXISTS));
-    EXPECT_THAT(lines, IsEmpty());
-
-    etw_.startResult = ERROR_SUCCESS;
-    ASSERT_EQ(Run([] { return StartFileTrace(L"C:\\kept.etl", true); }, &lines), 0u);
-    ASSERT_EQ(Run([] { return StopFileTrace(false); }, &lines), 0u);
-    EXPECT_THAT(lines, ElementsAre("INFO [StopFileTrace] logonmon::Controller::Stop succeeded"));
+    ASSERT_EQ(Run([] { return StartFileTrace(L"C:\\kept.etl", true); }, &lines_), 0u);
+    ASSERT_EQ(Run([] { return StopFileTrace(false); }, &lines_), 0u);
+    EXPECT_THAT(lines_, ElementsAre("INFO [StopFileTrace] logonmon::Controller::Stop succeeded"));
     EXPECT_EQ(EntryFileName(), L"C:\\kept.etl");
 }
 
-TEST_F(FileTraceTest, StopRemovesTheEntryAndStopsTheSession) {
-    std::vector<std::string> lines;
-    ASSERT_EQ(Run([] { return StartFileTrace(L"C:\\t.etl", true); }, &lines), 0u);
+TEST_F(FileTraceTest, StopRemovesTheEntryAndStopsTheSessionOrReportsBothMissing) {
+    ASSERT_EQ(Run([] { return StartFileTrace(L"C:\\t.etl", true); }, &lines_), 0u);
+    ASSERT_EQ(Run([] { return StopFileTrace(true); }, &lines_), 0u);
+    EXPECT_THAT(lines_, ElementsAre("INFO [StopFileTrace] logonmon::AutoLogger::Delete succeeded",
+                                    "INFO [StopFileTrace] logonmon::Controller::Stop succeeded"));
+    EXPECT_EQ(EntryFileName(), L"");
+    EXPECT_EQ(etw_.controls.at(0).sessionName, L"logonmon_diag_trace_file");
+    EXPECT_EQ(etw_.controls.at(0).controlCode, ULONG{EVENT_TRACE_CONTROL_STOP});
 
-    ASSERT_EQ(Run([] { return StopFileTrace(true); }, &lines), 0u);
-    EXPECT_THAT(lines, ElementsAre("INFO [StopFileTrace] logonmon::AutoLogger::Delete succeeded",
-                                   "INFO [StopFileTrace] logonmon::Controller::Stop succeeded"));
-    EXPECT_FALSE(EntryExists());
-    ASSERT_EQ(etw_.controls.size(), 1u);
-    EXPECT_EQ(etw_.controls[0].sessionName, L"logonmon_diag_trace_file");
-    EXPECT_EQ(etw_.controls[0].controlCode, static_cast<ULONG>(EVENT_TRACE_CONTROL_STOP));
-}
-
-TEST_F(FileTraceTest, StopWithNoEntryAndNoSessionReportsBothAndReturnsTheStopResult) {
     etw_.controlResult = ERROR_WMI_INSTANCE_NOT_FOUND;
-    std::vector<std::string> lines;
-    EXPECT_EQ(Run([] { return StopFileTrace(true); }, &lines),
-              static_cast<ULONG>(ERROR_WMI_INSTANCE_NOT_FOUND));
-    EXPECT_THAT(lines,
+    EXPECT_EQ(Run([] { return StopFileTrace(true); }, &lines_),
+              ULONG{ERROR_WMI_INSTANCE_NOT_FOUND});
+    EXPECT_THAT(lines_,
                 ElementsAre("ERROR [StopFileTrace] logonmon::AutoLogger::Delete failed, ret = 2",
                             "ERROR [StopFileTrace] logonmon::Controller::Stop failed, ret = 4201"));
 }
