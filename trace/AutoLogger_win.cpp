@@ -111,7 +111,7 @@ LSTATUS AutoLogger::Save(const Controller& session) {
     }
     EntryRollBack rollBack(name);
     LSTATUS status;
-    {
+    {  // the key is closed before a roll-back deletes it
         RegistryKey key;
         DWORD disposition = 0;
         status =

@@ -48,6 +48,8 @@ ULONG StartFileTrace(const std::wstring& path, bool persistent) {
                        "logonmon::AutoLogger::Save failed, ret = %d", static_cast<int>(saved));
             return static_cast<ULONG>(saved);
         }
+        // At error level like the failure, so that a log limited to errors
+        // still shows that a boot entry now exists.
         LogMessage(nullptr, LOG_LEVEL_ERROR, kStartFunction,
                    "Persistent trace session AutoLogger saved in registry");
     }
