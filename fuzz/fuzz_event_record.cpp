@@ -151,7 +151,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (!property.isStruct) {
                 value = input.Bytes(input.Byte() % 40);
             }
-            builder.Property(PropertySpec{property.name, property.inType, property.outType,
+            builder.Property(PropertyDefinition{property.name, property.inType, property.outType,
                                           std::move(value), property.isStruct});
         }
         if ((options & kDamageSchema) != 0) {

@@ -23,32 +23,32 @@ struct Conversion {
     bool wide = false;  // "w", "l" or the upper-case S and C
 };
 
-void AppendPrintf(std::string& out, const char* spec, ...) {
+void AppendPrintf(std::string& out, const char* directive, ...) {
     va_list args;
-    va_start(args, spec);
+    va_start(args, directive);
     va_list measure;
     va_copy(measure, args);
-    const int length = vsnprintf(nullptr, 0, spec, measure);
+    const int length = vsnprintf(nullptr, 0, directive, measure);
     va_end(measure);
     if (length > 0) {
         const size_t offset = out.size();
         out.resize(offset + static_cast<size_t>(length) + 1);
-        vsnprintf(out.data() + offset, static_cast<size_t>(length) + 1, spec, args);
+        vsnprintf(out.data() + offset, static_cast<size_t>(length) + 1, directive, args);
         out.resize(offset + static_cast<size_t>(length));
     }
     va_end(args);
 }
 
 // "%" with flags, width and precision, ready for a length and a conversion.
-std::string HostSpec(const Conversion& conversion) {
-    std::string spec = "%" + conversion.flags;
+std::string HostDirective(const Conversion& conversion) {
+    std::string directive = "%" + conversion.flags;
     if (conversion.width >= 0) {
-        spec += std::to_string(conversion.width);
+        directive += std::to_string(conversion.width);
     }
     if (conversion.precision >= 0) {
-        spec += "." + std::to_string(conversion.precision);
+        directive += "." + std::to_string(conversion.precision);
     }
-    return spec;
+    return directive;
 }
 
 size_t CodePoints(const std::string& utf8) {
@@ -100,7 +100,7 @@ void AppendSigned(std::string& out, const Conversion& conversion, char type, va_
             value = va_arg(args, int);
             break;
     }
-    AppendPrintf(out, (HostSpec(conversion) + "ll" + type).c_str(), value);
+    AppendPrintf(out, (HostDirective(conversion) + "ll" + type).c_str(), value);
 }
 
 void AppendUnsigned(std::string& out, const Conversion& conversion, char type, va_list& args) {
@@ -120,7 +120,7 @@ void AppendUnsigned(std::string& out, const Conversion& conversion, char type, v
             value = va_arg(args, unsigned int);
             break;
     }
-    AppendPrintf(out, (HostSpec(conversion) + "ll" + type).c_str(), value);
+    AppendPrintf(out, (HostDirective(conversion) + "ll" + type).c_str(), value);
 }
 
 // Reads flags, width, precision and length of the conversion at `p` (just
@@ -232,7 +232,7 @@ std::string FormatPrintf(const char* format, va_list args) {
             case 'G':
             case 'a':
             case 'A':
-                AppendPrintf(out, (HostSpec(conversion) + type).c_str(), va_arg(ap, double));
+                AppendPrintf(out, (HostDirective(conversion) + type).c_str(), va_arg(ap, double));
                 break;
             case 'S':
                 AppendWideString(out, va_arg(ap, const wchar_t*), conversion);
@@ -242,7 +242,7 @@ std::string FormatPrintf(const char* format, va_list args) {
                     AppendWideString(out, va_arg(ap, const wchar_t*), conversion);
                 } else {
                     const char* text = va_arg(ap, const char*);
-                    AppendPrintf(out, (HostSpec(conversion) + 's').c_str(),
+                    AppendPrintf(out, (HostDirective(conversion) + 's').c_str(),
                                  text != nullptr ? text : "(null)");
                 }
                 break;
@@ -252,7 +252,7 @@ std::string FormatPrintf(const char* format, va_list args) {
                     const wchar_t character = static_cast<wchar_t>(va_arg(ap, wint_t));
                     AppendPadded(out, Utf8FromWide(std::wstring(1, character)), conversion);
                 } else {
-                    AppendPrintf(out, (HostSpec(conversion) + 'c').c_str(), va_arg(ap, int));
+                    AppendPrintf(out, (HostDirective(conversion) + 'c').c_str(), va_arg(ap, int));
                 }
                 break;
             case 'p':

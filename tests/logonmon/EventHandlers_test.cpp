@@ -13,7 +13,7 @@ using ::testing::IsEmpty;
 
 using EventHandlersTest = ProcessorFixture;
 
-TestEvent ProfileService(uint16_t id, uint64_t time, std::vector<PropertySpec> properties,
+TestEvent ProfileService(uint16_t id, uint64_t time, std::vector<PropertyDefinition> properties,
                          const std::wstring& sid = kAliceSid) {
     TestEvent event;
     event.provider = kUserProfilesGuid;
@@ -27,7 +27,7 @@ TestEvent ProfileService(uint16_t id, uint64_t time, std::vector<PropertySpec> p
 }
 
 TestEvent Policy(uint16_t id, std::optional<uint32_t> session,
-                 std::vector<PropertySpec> properties) {
+                 std::vector<PropertyDefinition> properties) {
     TestEvent event;
     event.provider = kGroupPolicyGuid;
     event.id = id;

@@ -171,7 +171,7 @@ void RecordingProcessor::Feed(const TestEvent& event) {
     if (!event.message.empty()) {
         builder.Message(event.message);
     }
-    for (const PropertySpec& property : event.properties) {
+    for (const PropertyDefinition& property : event.properties) {
         builder.Property(property);
     }
     if (event.payload) {

@@ -57,7 +57,7 @@ struct TestEvent {
     std::wstring task;
     std::wstring opcodeName;
     std::wstring message;
-    std::vector<PropertySpec> properties;
+    std::vector<PropertyDefinition> properties;
     std::optional<std::vector<uint8_t>> payload;
 };
 

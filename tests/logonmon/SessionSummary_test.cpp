@@ -110,7 +110,7 @@ Line Stars(size_t count) {
     return {kSummaryFn, std::string(count, '*')};
 }
 
-TestEvent ProfileService(uint16_t id, uint64_t time, std::vector<PropertySpec> properties = {}) {
+TestEvent ProfileService(uint16_t id, uint64_t time, std::vector<PropertyDefinition> properties = {}) {
     TestEvent event;
     event.provider = kUserProfilesGuid;
     event.id = id;
@@ -122,7 +122,7 @@ TestEvent ProfileService(uint16_t id, uint64_t time, std::vector<PropertySpec> p
     return event;
 }
 
-TestEvent Policy(uint16_t id, uint64_t time, std::vector<PropertySpec> properties) {
+TestEvent Policy(uint16_t id, uint64_t time, std::vector<PropertyDefinition> properties) {
     TestEvent event;
     event.provider = kGroupPolicyGuid;
     event.id = id;
@@ -149,7 +149,7 @@ TestEvent CseFinished(const wchar_t* name, const wchar_t* milliseconds, uint32_t
                    UInt32Property(L"ErrorCode", error)});
 }
 
-TestEvent Process(uint16_t id, uint64_t time, std::vector<PropertySpec> properties) {
+TestEvent Process(uint16_t id, uint64_t time, std::vector<PropertyDefinition> properties) {
     TestEvent event;
     event.provider = kKernelProcessGuid;
     event.id = id;

@@ -79,12 +79,12 @@ std::vector<uint8_t> SidBytes(const std::wstring& sidText) {
     return sid->Bytes();
 }
 
-PropertySpec StringProperty(const std::wstring& name, const std::wstring& value) {
-    return PropertySpec{name, logonmon::etw::kInTypeUnicodeString, 0, Utf16Bytes(value), false};
+PropertyDefinition StringProperty(const std::wstring& name, const std::wstring& value) {
+    return PropertyDefinition{name, logonmon::etw::kInTypeUnicodeString, 0, Utf16Bytes(value), false};
 }
 
-PropertySpec UInt32Property(const std::wstring& name, uint32_t value) {
-    return PropertySpec{name, logonmon::etw::kInTypeUInt32, 0, UInt32Bytes(value), false};
+PropertyDefinition UInt32Property(const std::wstring& name, uint32_t value) {
+    return PropertyDefinition{name, logonmon::etw::kInTypeUInt32, 0, UInt32Bytes(value), false};
 }
 
 GUID GuidFromText(const std::wstring& text) {
@@ -121,10 +121,10 @@ namespace detail {
 struct ServedEvent {
     uint64_t magic = kBuilderMagic;
     bool hasSchema = false;
-    std::vector<PropertySpec> properties;
+    std::vector<PropertyDefinition> properties;
     std::vector<uint8_t> schema;  // TRACE_EVENT_INFO as TDH returns it
 
-    const PropertySpec* FindProperty(const PROPERTY_DATA_DESCRIPTOR& descriptor) const;
+    const PropertyDefinition* FindProperty(const PROPERTY_DATA_DESCRIPTOR& descriptor) const;
 };
 
 }  // namespace detail
@@ -177,17 +177,17 @@ void EventBuilder::Impl::BuildSchema() {
 
     std::vector<EVENT_PROPERTY_INFO> entries(properties.size());
     for (size_t i = 0; i < properties.size(); ++i) {
-        const PropertySpec& spec = properties[i];
+        const PropertyDefinition& property = properties[i];
         EVENT_PROPERTY_INFO& entry = entries[i];
         entry.Flags =
-            static_cast<decltype(entry.Flags)>(spec.isStruct ? logonmon::etw::kPropertyStruct : 0);
-        entry.NameOffset = addText(spec.name);
-        if (!spec.isStruct) {
-            entry.nonStructType.InType = spec.inType;
-            entry.nonStructType.OutType = spec.outType;
+            static_cast<decltype(entry.Flags)>(property.isStruct ? logonmon::etw::kPropertyStruct : 0);
+        entry.NameOffset = addText(property.name);
+        if (!property.isStruct) {
+            entry.nonStructType.InType = property.inType;
+            entry.nonStructType.OutType = property.outType;
         }
         entry.count = 1;
-        entry.length = static_cast<uint16_t>(std::min<size_t>(spec.value.size(), UINT16_MAX));
+        entry.length = static_cast<uint16_t>(std::min<size_t>(property.value.size(), UINT16_MAX));
     }
 
     schema.assign(textStart + texts.size(), 0);
@@ -201,7 +201,7 @@ void EventBuilder::Impl::BuildSchema() {
     }
 }
 
-const PropertySpec* detail::ServedEvent::FindProperty(
+const PropertyDefinition* detail::ServedEvent::FindProperty(
     const PROPERTY_DATA_DESCRIPTOR& descriptor) const {
     const auto* name =
         reinterpret_cast<const WCHAR*>(static_cast<uintptr_t>(descriptor.PropertyName));
@@ -209,9 +209,9 @@ const PropertySpec* detail::ServedEvent::FindProperty(
         return nullptr;
     }
     const std::wstring wanted = logonmon::WideFromUtf16(name);
-    for (const PropertySpec& spec : properties) {
-        if (!spec.isStruct && spec.name == wanted) {
-            return &spec;
+    for (const PropertyDefinition& property : properties) {
+        if (!property.isStruct && property.name == wanted) {
+            return &property;
         }
     }
     return nullptr;
@@ -321,7 +321,7 @@ EventBuilder& EventBuilder::Message(const std::wstring& messageTemplate) {
     return *this;
 }
 
-EventBuilder& EventBuilder::Property(PropertySpec property) {
+EventBuilder& EventBuilder::Property(PropertyDefinition property) {
     impl_->hasSchema = true;
     impl_->properties.push_back(std::move(property));
     return *this;
@@ -346,8 +346,8 @@ const EVENT_RECORD& EventBuilder::Record() {
         impl.userData = *impl.payload;
     } else {
         impl.userData.clear();
-        for (const PropertySpec& spec : impl.properties) {
-            impl.userData.insert(impl.userData.end(), spec.value.begin(), spec.value.end());
+        for (const PropertyDefinition& property : impl.properties) {
+            impl.userData.insert(impl.userData.end(), property.value.begin(), property.value.end());
         }
     }
 
@@ -403,7 +403,7 @@ uint32_t FakeTdh::GetPropertySize(const EVENT_RECORD& event,
         return failPropertySizeWith;
     }
     const detail::ServedEvent* impl = BuilderOf(event);
-    const PropertySpec* property = impl != nullptr ? impl->FindProperty(descriptor) : nullptr;
+    const PropertyDefinition* property = impl != nullptr ? impl->FindProperty(descriptor) : nullptr;
     if (property == nullptr) {
         return logonmon::etw::kErrorNotFound;
     }
@@ -417,7 +417,7 @@ uint32_t FakeTdh::GetProperty(const EVENT_RECORD& event, const PROPERTY_DATA_DES
         return failPropertyWith;
     }
     const detail::ServedEvent* impl = BuilderOf(event);
-    const PropertySpec* property = impl != nullptr ? impl->FindProperty(descriptor) : nullptr;
+    const PropertyDefinition* property = impl != nullptr ? impl->FindProperty(descriptor) : nullptr;
     if (property == nullptr) {
         return logonmon::etw::kErrorNotFound;
     }

@@ -13,7 +13,7 @@
 
 namespace plmx::testing {
 
-struct PropertySpec {
+struct PropertyDefinition {
     std::wstring name;
     uint16_t inType = 0;
     uint16_t outType = 0;
@@ -28,8 +28,8 @@ std::vector<uint8_t> UInt32Bytes(uint32_t value);
 std::vector<uint8_t> UInt64Bytes(uint64_t value);
 std::vector<uint8_t> SidBytes(const std::wstring& sidText);
 
-PropertySpec StringProperty(const std::wstring& name, const std::wstring& value);
-PropertySpec UInt32Property(const std::wstring& name, uint32_t value);
+PropertyDefinition StringProperty(const std::wstring& name, const std::wstring& value);
+PropertyDefinition UInt32Property(const std::wstring& name, uint32_t value);
 
 // Parses "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}" or the unbraced form.
 GUID GuidFromText(const std::wstring& text);
@@ -68,7 +68,7 @@ public:
     EventBuilder& EventName(const std::wstring& name);
     EventBuilder& RelatedName(const std::wstring& name);
     EventBuilder& Message(const std::wstring& messageTemplate);
-    EventBuilder& Property(PropertySpec property);
+    EventBuilder& Property(PropertyDefinition property);
     EventBuilder& Property(const std::wstring& name, const std::wstring& value);  // UNICODESTRING
 
     // The record; valid while the builder lives and is not changed.

@@ -156,7 +156,7 @@ TEST(EventRecordDataTest, ReadsNamesFromTheSchema) {
         .EventName(L"NotifyLogon")
         .RelatedName(L"Parent")
         .Property(L"First", L"1")
-        .Property(PropertySpec{L"Nested", 0, 0, {}, true})
+        .Property(PropertyDefinition{L"Nested", 0, 0, {}, true})
         .Property(L"Third", L"3");
     EventRecordData data(builder.Record());
     EXPECT_EQ(2, tdh.fake.eventInformationCalls);  // size query, then the real one
@@ -238,7 +238,7 @@ TEST(EventRecordDataTest, MessageTemplates) {
         builder.Message(c.messageTemplate)
             .Property(L"P1", L"A")
             .Property(L"P2", L"B")
-            .Property(PropertySpec{L"P3", 0, 0, {}, true});
+            .Property(PropertyDefinition{L"P3", 0, 0, {}, true});
         for (wchar_t value = L'D'; value <= L'J'; ++value) {
             builder.Property(L"P" + std::to_wstring(value - L'D' + 4), std::wstring(1, value));
         }

@@ -30,7 +30,7 @@ std::wstring Decode(uint16_t inType, uint16_t outType, std::vector<uint8_t> valu
                     const std::wstring& name = L"Value") {
     ScopedFakeTdh tdh;
     EventBuilder builder;
-    builder.Provider(provider).Property(PropertySpec{name, inType, outType, std::move(value)});
+    builder.Provider(provider).Property(PropertyDefinition{name, inType, outType, std::move(value)});
     const EventRecordData data(builder.Record());
     EXPECT_EQ(1u, data.properties.size());
     const auto entry = data.properties.find(name);
@@ -164,7 +164,7 @@ TEST(PropertyValueTest, ReadFailuresThrowTheReadersText) {
         ScopedFakeTdh tdh;
         (c.failSize ? tdh.fake.failPropertySizeWith : tdh.fake.failPropertyWith) = 1168;
         EventBuilder builder;
-        builder.Property(PropertySpec{L"Value", c.inType, 0, UInt32Bytes(1)});
+        builder.Property(PropertyDefinition{L"Value", c.inType, 0, UInt32Bytes(1)});
         try {
             EventRecordData data(builder.Record());
             ADD_FAILURE() << "no exception for in-type " << c.inType;
