@@ -62,11 +62,12 @@ std::optional<uint32_t> TerminalSessionId(const EVENT_HEADER_EXTENDED_DATA_ITEM&
     return sessionId;
 }
 
-// The SID of a SID item. An item whose SID declares a length other than the
-// item's own size is ignored: it cannot be told which of the two is wrong.
+// The SID of a SID item, copied by its own length as the system copies it, so
+// bytes after it are left out. An item too short for the length its SID
+// declares, or not holding a SID at all, is ignored: the event still counts
+// and only its user is unknown.
 std::optional<Sid> UserSid(const EVENT_HEADER_EXTENDED_DATA_ITEM& item) {
-    if (item.ExtType != etw::kExtTypeSid || item.DataPtr == 0 ||
-        SidLengthFromHeader(ExtendedDataBytes(item), item.DataSize) != item.DataSize) {
+    if (item.ExtType != etw::kExtTypeSid || item.DataPtr == 0) {
         return std::nullopt;
     }
     return Sid::FromBytes(ExtendedDataBytes(item), item.DataSize);

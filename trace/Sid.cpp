@@ -41,8 +41,8 @@ bool ParseNumber(const std::wstring& text, size_t& pos, uint64_t max, uint64_t* 
     return pos > start;
 }
 
-}  // namespace
-
+// Length of the binary SID as its header declares it; 0 when there is no
+// whole header or it is not a SID.
 size_t SidLengthFromHeader(const uint8_t* bytes, size_t available) {
     if (bytes == nullptr || available < kHeaderSize || bytes[0] != kSidRevision ||
         bytes[1] > kMaxSubAuthorities) {
@@ -50,6 +50,8 @@ size_t SidLengthFromHeader(const uint8_t* bytes, size_t available) {
     }
     return kHeaderSize + 4 * size_t{bytes[1]};
 }
+
+}  // namespace
 
 std::optional<Sid> Sid::FromBytes(const uint8_t* bytes, size_t size) {
     const size_t length = SidLengthFromHeader(bytes, size);

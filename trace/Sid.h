@@ -10,7 +10,7 @@
 namespace logonmon {
 
 class Sid {
-public:
+  public:
     // Copies a binary SID of at most `size` bytes; nullopt when the bytes are
     // not a well-formed SID or its own length exceeds `size`.
     static std::optional<Sid> FromBytes(const uint8_t* bytes, size_t size);
@@ -24,13 +24,9 @@ public:
 
     bool operator==(const Sid& other) const { return bytes_ == other.bytes_; }
 
-private:
+  private:
     explicit Sid(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {}
     std::vector<uint8_t> bytes_;
 };
-
-// Length in bytes of the binary SID at `bytes` as its header declares it, or
-// 0 when fewer than 8 bytes are available or the revision is not 1.
-size_t SidLengthFromHeader(const uint8_t* bytes, size_t available);
 
 }  // namespace logonmon
