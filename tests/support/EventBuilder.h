@@ -3,9 +3,12 @@
 // that the production decoding walks real offsets.
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "trace/EtwTypes.h"
@@ -35,54 +38,82 @@ PropertyDefinition UInt32Property(const std::wstring& name, uint32_t value);
 GUID GuidFromText(const std::wstring& text);
 
 class EventBuilder {
-public:
+  public:
     EventBuilder();
-    ~EventBuilder();
     EventBuilder(const EventBuilder&) = delete;
     EventBuilder& operator=(const EventBuilder&) = delete;
 
     // Header.
-    EventBuilder& Provider(const GUID& provider);
-    EventBuilder& Provider(const std::wstring& guidText);
-    EventBuilder& EventId(uint16_t id);
-    EventBuilder& Opcode(uint8_t opcode);
-    EventBuilder& Level(uint8_t level);
-    EventBuilder& ProcessId(uint32_t pid);
-    EventBuilder& ThreadId(uint32_t tid);
+    EventBuilder& Provider(const GUID& provider) { return Set(header_.ProviderId, provider); }
+    EventBuilder& Provider(const std::wstring& guidText) {
+        return Provider(GuidFromText(guidText));
+    }
+    EventBuilder& EventId(uint16_t id) { return Set(header_.EventDescriptor.Id, id); }
+    EventBuilder& Opcode(uint8_t opcode) { return Set(header_.EventDescriptor.Opcode, opcode); }
+    EventBuilder& Level(uint8_t level) { return Set(header_.EventDescriptor.Level, level); }
+    EventBuilder& ProcessId(uint32_t pid) { return Set(header_.ProcessId, pid); }
+    EventBuilder& ThreadId(uint32_t tid) { return Set(header_.ThreadId, tid); }
     EventBuilder& Timestamp(uint64_t fileTime);
-    EventBuilder& ActivityId(const GUID& activity);
+    EventBuilder& ActivityId(const GUID& activity) { return Set(header_.ActivityId, activity); }
 
     // Extended data items, in the order added.
-    EventBuilder& SessionId(uint32_t sessionId);          // a TS_ID item
-    EventBuilder& UserSid(const std::wstring& sidText);   // a SID item
+    EventBuilder& SessionId(uint32_t sessionId);         // a TS_ID item
+    EventBuilder& UserSid(const std::wstring& sidText);  // a SID item
     EventBuilder& ExtendedItem(uint16_t type, std::vector<uint8_t> data);
 
     // User data. Without it, the user data is the properties' values one
     // after another.
-    EventBuilder& Payload(std::vector<uint8_t> bytes);
+    EventBuilder& Payload(std::vector<uint8_t> bytes) { return Set(payload_, std::move(bytes)); }
 
     // Schema. An event gets a schema once any of these is called.
-    EventBuilder& ProviderName(const std::wstring& name);
-    EventBuilder& TaskName(const std::wstring& name);
-    EventBuilder& OpcodeName(const std::wstring& name);
-    EventBuilder& EventName(const std::wstring& name);
-    EventBuilder& RelatedName(const std::wstring& name);
-    EventBuilder& Message(const std::wstring& messageTemplate);
+    EventBuilder& ProviderName(const std::wstring& name) { return SchemaName(kProvider, name); }
+    EventBuilder& TaskName(const std::wstring& name) { return SchemaName(kTask, name); }
+    EventBuilder& OpcodeName(const std::wstring& name) { return SchemaName(kOpcode, name); }
+    EventBuilder& EventName(const std::wstring& name) { return SchemaName(kEvent, name); }
+    EventBuilder& RelatedName(const std::wstring& name) { return SchemaName(kRelated, name); }
+    EventBuilder& Message(const std::wstring& text) { return SchemaName(kMessage, text); }
     EventBuilder& Property(PropertyDefinition property);
-    EventBuilder& Property(const std::wstring& name, const std::wstring& value);  // UNICODESTRING
+    EventBuilder& Property(const std::wstring& name, const std::wstring& value) {
+        return Property(StringProperty(name, value));  // UNICODESTRING
+    }
 
     // The record; valid while the builder lives and is not changed.
     const EVENT_RECORD& Record();
 
-private:
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
+    // What FakeTdh serves for a record made here, found through its UserContext.
+    struct Served {
+        uint64_t magic;
+        bool hasSchema = false;
+        std::vector<PropertyDefinition> properties;
+        std::vector<uint8_t> schema;  // TRACE_EVENT_INFO as TDH returns it
+    };
+
+  private:
+    enum SchemaSlot { kProvider, kTask, kOpcode, kEvent, kRelated, kMessage, kSlotCount };
+
+    template <typename Field, typename Value>
+    EventBuilder& Set(Field& field, Value&& value) {
+        field = std::forward<Value>(value);
+        return *this;
+    }
+    EventBuilder& SchemaName(SchemaSlot slot, const std::wstring& text);
+    void BuildSchema();
+
+    Served served_;
+    EVENT_HEADER header_{};
+    std::vector<std::pair<uint16_t, std::vector<uint8_t>>> extendedItems_;
+    std::optional<std::vector<uint8_t>> payload_;
+    std::array<std::optional<std::wstring>, kSlotCount> names_;
+    EVENT_RECORD record_{};
+    std::vector<EVENT_HEADER_EXTENDED_DATA_ITEM> items_;
+    std::vector<uint8_t> userData_;
 };
 
 // Serves the schema and property values of records made by an EventBuilder;
-// a record without a schema gets ERROR_NOT_FOUND. Can be told to fail.
+// a record without a schema gets ERROR_NOT_FOUND. Can be told to fail. Safe
+// for several decoding threads once its failure settings are made.
 class FakeTdh : public logonmon::TdhApi {
-public:
+  public:
     uint32_t GetEventInformation(const EVENT_RECORD& event, TRACE_EVENT_INFO* buffer,
                                  uint32_t* bufferSize) override;
     uint32_t GetPropertySize(const EVENT_RECORD& event, const PROPERTY_DATA_DESCRIPTOR& descriptor,
@@ -92,16 +123,16 @@ public:
 
     uint32_t failPropertySizeWith = 0;  // non-zero: GetPropertySize answers this
     uint32_t failPropertyWith = 0;      // non-zero: GetProperty answers this
-    int eventInformationCalls = 0;
+    std::atomic<int> eventInformationCalls{0};
 };
 
 // Installs a FakeTdh for its lifetime.
 class ScopedFakeTdh {
-public:
+  public:
     ScopedFakeTdh() : binding_(fake) {}
     FakeTdh fake;
 
-private:
+  private:
     logonmon::ScopedTdhBinding binding_;
 };
 
