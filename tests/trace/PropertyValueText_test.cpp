@@ -15,7 +15,7 @@ using namespace logonmon::etw;
 using namespace plmx::testing;
 
 constexpr wchar_t kWinlogon[] = L"{DBE9B383-7CF3-4331-91CC-A3CB16A3B538}";
-constexpr wchar_t kOtherProvider[] = L"{89B1E9F0-5AFF-44A6-9B44-0A07A7CE5845}";
+constexpr wchar_t kOther[] = L"{89B1E9F0-5AFF-44A6-9B44-0A07A7CE5845}";
 
 template <typename T>
 std::vector<uint8_t> RawBytes(const T& value) {
@@ -26,34 +26,27 @@ std::vector<uint8_t> RawBytes(const T& value) {
 
 // Decodes one property and returns its stored text.
 std::wstring Decode(uint16_t inType, uint16_t outType, std::vector<uint8_t> value,
-                    const std::wstring& provider = kOtherProvider,
-                    const std::wstring& name = L"Value") {
+                    const std::wstring& provider = kOther, const std::wstring& name = L"Value") {
     ScopedFakeTdh tdh;
     EventBuilder builder;
-    builder.Provider(provider).Property(PropertyDefinition{name, inType, outType, std::move(value)});
+    builder.Provider(provider).Property(
+        PropertyDefinition{name, inType, outType, std::move(value)});
     const EventRecordData data(builder.Record());
-    EXPECT_EQ(1u, data.properties.size());
     const auto entry = data.properties.find(name);
     return entry == data.properties.end() ? L"<missing>" : entry->second;
 }
 
-struct InTypeCase {
-    const char* label;
-    uint16_t inType;
-    uint16_t outType;
-    std::vector<uint8_t> value;
-    std::wstring expected;
-};
-
 TEST(PropertyValueTest, EachInTypeIsWrittenAsTheReaderFormatsIt) {
     const GUID guid = GuidFromText(L"{01234567-89AB-CDEF-0123-456789ABCDEF}");
-    const std::vector<InTypeCase> cases = {
-        {"unicode string", kInTypeUnicodeString, 0, Utf16Bytes(L"Hello"), L"Hello"},
-        {"unicode string up to its null",
-         kInTypeUnicodeString,
-         0,
-         {'a', 0, 0, 0, 'b', 0, 0, 0},
-         L"a"},
+    const struct {
+        const char* label;
+        uint16_t inType;
+        uint16_t outType;
+        std::vector<uint8_t> value;
+        std::wstring expected;
+    } cases[] = {
+        {"unicode string", kInTypeUnicodeString, 0, {'a', 0, 0, 0, 'b', 0, 0, 0}, L"a"},
+        {"unicode string trimmed", kInTypeUnicodeString, 0, Utf16Bytes(L" \t a b \r\n"), L"a b"},
         {"ansi string", kInTypeAnsiString, 0, {'a', 'b', 'c', 0}, L"abc"},
         {"ansi string without value", kInTypeAnsiString, 0, {}, L""},
         {"int8 zero-extended", kInTypeInt8, 0, {0xFF}, L"255"},
@@ -64,6 +57,7 @@ TEST(PropertyValueTest, EachInTypeIsWrittenAsTheReaderFormatsIt) {
         {"int16 port swapped", kInTypeInt16, kOutTypePort, UInt16Bytes(0x0102), L"513"},
         {"int32 written unsigned", kInTypeInt32, 0, UInt32Bytes(0xFFFFFFFF), L"4294967295"},
         {"uint32", kInTypeUInt32, 0, UInt32Bytes(123456), L"123456"},
+        {"smaller value zero-extended", kInTypeUInt32, 0, {0x02, 0x01}, L"258"},
         {"uint32 ipv4 in memory order", kInTypeUInt32, kOutTypeIpv4, {10, 1, 2, 3}, L"10.1.2.3"},
         {"int32 ipv4", kInTypeInt32, kOutTypeIpv4, {192, 168, 0, 255}, L"192.168.0.255"},
         {"int64 written unsigned", kInTypeInt64, 0, UInt64Bytes(~uint64_t{0}),
@@ -71,7 +65,7 @@ TEST(PropertyValueTest, EachInTypeIsWrittenAsTheReaderFormatsIt) {
         {"uint64", kInTypeUInt64, 0, UInt64Bytes(0x100000000), L"4294967296"},
         {"float", kInTypeFloat, 0, RawBytes(1.5f), L"1.500000"},
         {"double", kInTypeDouble, 0, RawBytes(-2.25), L"-2.250000"},
-        {"boolean true", kInTypeBoolean, 0, UInt32Bytes(1), L"1"},
+        {"boolean", kInTypeBoolean, 0, UInt32Bytes(1), L"1"},
         {"boolean signed", kInTypeBoolean, 0, UInt32Bytes(0xFFFFFFFF), L"-1"},
         {"binary", kInTypeBinary, 0, {0x01, 0xAB, 0x00}, L"01ab00"},
         {"guid braced upper case", kInTypeGuid, 0, RawBytes(guid),
@@ -84,41 +78,25 @@ TEST(PropertyValueTest, EachInTypeIsWrittenAsTheReaderFormatsIt) {
         {"hexint32 in memory order", kInTypeHexInt32, 0, UInt32Bytes(0x0000ABCD), L"cdab0000"},
         {"hexint64 in memory order", kInTypeHexInt64, 0, UInt64Bytes(0x0102030405060708),
          L"0807060504030201"},
-        {"counted string as bytes",
-         kInTypeCountedString,
-         0,
-         {4, 0, 'h', 0, 'i', 0},
-         L"040068006900"},
-        {"counted ansi string as bytes",
-         kInTypeCountedAnsiString,
-         0,
-         {2, 0, 'h', 'i'},
-         L"02006869"},
+        {"counted string as bytes", kInTypeCountedString, 0, {4, 0, 'h', 0}, L"04006800"},
+        {"counted ansi string as bytes", kInTypeCountedAnsiString, 0, {2, 0, 'h'}, L"020068"},
         {"hex dump", kInTypeHexDump, 0, {0xDE, 0xAD}, L"dead"},
         {"null in-type", kInTypeNull, 0, {1, 2}, L""},
         {"unknown in-type", 299, 0, {1, 2}, L""},
     };
-    for (const InTypeCase& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_EQ(c.expected, Decode(c.inType, c.outType, c.value)) << c.label;
     }
 }
 
 TEST(PropertyValueTest, TimesAreWrittenInLocalTime) {
-    // 2024-03-05 06:07:08.009 UTC
-    const uint64_t fileTime = 133540924280090000;
+    const uint64_t fileTime = 133540924280090000;  // 2024-03-05 06:07:08.009 UTC
     const std::wstring expected = logonmon::TimestampText(fileTime, true);
     ASSERT_EQ(std::wstring::npos, expected.find(L'Z'));
     EXPECT_EQ(expected, Decode(kInTypeFileTime, 0, UInt64Bytes(fileTime)));
-
-    const SYSTEMTIME time{2024, 3, 2, 5, 6, 7, 8, 9};
-    EXPECT_EQ(expected, Decode(kInTypeSystemTime, 0, RawBytes(time)));
-    const SYSTEMTIME invalid{2024, 13, 0, 5, 6, 7, 8, 9};
-    EXPECT_EQ(L"", Decode(kInTypeSystemTime, 0, RawBytes(invalid)));
-}
-
-TEST(PropertyValueTest, ValuesAreTrimmed) {
-    EXPECT_EQ(L"padded text", Decode(kInTypeUnicodeString, 0, Utf16Bytes(L" \t padded text \r\n")));
-    EXPECT_EQ(L"", Decode(kInTypeUnicodeString, 0, Utf16Bytes(L"   ")));
+    EXPECT_EQ(expected,
+              Decode(kInTypeSystemTime, 0, RawBytes(SYSTEMTIME{2024, 3, 2, 5, 6, 7, 8, 9})));
+    EXPECT_EQ(L"", Decode(kInTypeSystemTime, 0, RawBytes(SYSTEMTIME{2024, 13, 0, 5, 6, 7, 8, 9})));
 }
 
 TEST(PropertyValueTest, WinlogonNotificationsAreNamed) {
@@ -129,42 +107,45 @@ TEST(PropertyValueTest, WinlogonNotificationsAreNamed) {
     for (uint32_t value = 0; value < 14; ++value) {
         EXPECT_EQ(names[value], Decode(kInTypeUInt32, 0, UInt32Bytes(value), kWinlogon, L"Event"));
     }
-    EXPECT_EQ(L"14", Decode(kInTypeUInt32, 0, UInt32Bytes(14), kWinlogon, L"Event"));
-    EXPECT_EQ(L"Lock", Decode(kInTypeUInt32, 0, UInt32Bytes(4), kWinlogon, L"eVENT"));
-    EXPECT_EQ(L"2", Decode(kInTypeUInt32, 0, UInt32Bytes(2), kOtherProvider, L"Event"));
-    EXPECT_EQ(L"2", Decode(kInTypeUInt32, 0, UInt32Bytes(2), kWinlogon, L"Events"));
-    EXPECT_EQ(L"2", Decode(kInTypeInt32, 0, UInt32Bytes(2), kWinlogon, L"Event"));
-}
-
-TEST(PropertyValueTest, FixedSizeReaderRejectsLargerValues) {
-    // Smaller values are zero-extended; larger ones do not fit.
-    EXPECT_EQ(L"258", Decode(kInTypeUInt32, 0, {0x02, 0x01}));
-    try {
-        Decode(kInTypeUInt32, 0, UInt64Bytes(1));
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ("GetValue failed", e.what());
+    const struct {
+        const wchar_t* provider;
+        const wchar_t* name;
+        uint16_t inType;
+        uint32_t value;
+        std::wstring expected;
+    } cases[] = {
+        {kWinlogon, L"eVENT", kInTypeUInt32, 4, L"Lock"},
+        {kWinlogon, L"Event", kInTypeUInt32, 14, L"14"},
+        {kOther, L"Event", kInTypeUInt32, 2, L"2"},
+        {kWinlogon, L"Events", kInTypeUInt32, 2, L"2"},
+        {kWinlogon, L"Event", kInTypeInt32, 2, L"2"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.expected, Decode(c.inType, 0, UInt32Bytes(c.value), c.provider, c.name))
+            << logonmon::Utf8FromWide(c.name) << " " << c.value;
     }
 }
 
 TEST(PropertyValueTest, ReadFailuresThrowTheReadersText) {
-    struct FailureCase {
+    const struct {
         uint16_t inType;
-        bool failSize;
+        uint32_t failSizeWith;
+        uint32_t failValueWith;
+        std::vector<uint8_t> value;
         const char* expected;
+    } cases[] = {
+        {kInTypeUInt32, 0, 0, UInt64Bytes(1), "GetValue failed"},  // larger than its reader
+        {kInTypeUInt32, kErrorNotFound, 0, UInt32Bytes(1), "GetValue failed"},
+        {kInTypeUInt32, 0, kErrorNotFound, UInt32Bytes(1), "GetValue failed"},
+        {kInTypeUnicodeString, kErrorNotFound, 0, UInt32Bytes(1), "GetValueAlloc failed"},
+        {kInTypeBinary, 0, kErrorNotFound, UInt32Bytes(1), "GetValueAlloc failed"},
     };
-    const FailureCase cases[] = {
-        {kInTypeUInt32, true, "GetValue failed"},
-        {kInTypeUInt32, false, "GetValue failed"},
-        {kInTypeUnicodeString, true, "GetValueAlloc failed"},
-        {kInTypeUnicodeString, false, "GetValueAlloc failed"},
-        {kInTypeBinary, false, "GetValueAlloc failed"},
-    };
-    for (const FailureCase& c : cases) {
+    for (const auto& c : cases) {
         ScopedFakeTdh tdh;
-        (c.failSize ? tdh.fake.failPropertySizeWith : tdh.fake.failPropertyWith) = 1168;
+        tdh.fake.failPropertySizeWith = c.failSizeWith;
+        tdh.fake.failPropertyWith = c.failValueWith;
         EventBuilder builder;
-        builder.Property(PropertyDefinition{L"Value", c.inType, 0, UInt32Bytes(1)});
+        builder.Property(PropertyDefinition{L"Value", c.inType, 0, c.value});
         try {
             EventRecordData data(builder.Record());
             ADD_FAILURE() << "no exception for in-type " << c.inType;

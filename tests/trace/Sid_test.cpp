@@ -23,36 +23,27 @@ TEST(SidTest, TextAndBinaryFormsRoundTrip) {
         ASSERT_TRUE(copy.has_value());
         EXPECT_EQ(*sid, *copy);
     }
-}
-
-TEST(SidTest, BinaryLayout) {
-    const auto sid = Sid::FromString(L"S-1-5-32-544");
-    ASSERT_TRUE(sid.has_value());
     EXPECT_EQ((std::vector<uint8_t>{1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 0x20, 2, 0, 0}),
-              sid->Bytes());
-    // A decimal authority of 2^32 is written back in hexadecimal.
-    EXPECT_EQ(L"S-1-0x000100000000-1", Sid::FromString(L"S-1-4294967296-1")->ToString());
+              Sid::FromString(L"S-1-5-32-544")->Bytes());
 }
 
 TEST(SidTest, RejectsMalformedInput) {
-    const std::wstring texts[] = {L"",
-                                  L"S-",
-                                  L"S-1",
-                                  L"S-2-5-18",
-                                  L"S-1-5-",
-                                  L"S-1-5--1",
-                                  L"X-1-5-18",
-                                  L"S-1-5-4294967296",
-                                  L"S-1-5-1x",
-                                  L"S-1-0x1000000000000-1",
-                                  L"S-1-5-1-2-3-4-5-6-7-8-9-10-11-12-13-14-15-16"};
-    for (const std::wstring& text : texts) {
-        EXPECT_FALSE(Sid::FromString(text).has_value()) << std::string(text.begin(), text.end());
+    const wchar_t* const texts[] = {L"",
+                                    L"S-1",
+                                    L"S-2-5-18",
+                                    L"S-1-5-",
+                                    L"S-1-5--1",
+                                    L"X-1-5-18",
+                                    L"S-1-5-1x",
+                                    L"S-1-5-4294967296",
+                                    L"S-1-0x1000000000000-1",
+                                    L"S-1-5-1-2-3-4-5-6-7-8-9-10-11-12-13-14-15-16"};
+    for (size_t i = 0; i < std::size(texts); ++i) {
+        EXPECT_FALSE(Sid::FromString(texts[i]).has_value()) << "text " << i;
     }
 
     const std::vector<uint8_t> bytes = Sid::FromString(L"S-1-5-21-1")->Bytes();
     EXPECT_FALSE(Sid::FromBytes(bytes.data(), bytes.size() - 1).has_value());
-    EXPECT_FALSE(Sid::FromBytes(bytes.data(), 7).has_value());
     EXPECT_FALSE(Sid::FromBytes(nullptr, 0).has_value());
     std::vector<uint8_t> badRevision = bytes;
     badRevision[0] = 2;
@@ -61,12 +52,10 @@ TEST(SidTest, RejectsMalformedInput) {
     tooManyParts[0] = 1;
     tooManyParts[1] = 16;
     EXPECT_FALSE(Sid::FromBytes(tooManyParts.data(), tooManyParts.size()).has_value());
-
-    // Trailing bytes beyond the declared length are not part of the SID.
+    // Bytes after the declared length are not part of the SID.
     std::vector<uint8_t> longer = bytes;
     longer.push_back(0xAA);
     EXPECT_EQ(bytes, Sid::FromBytes(longer.data(), longer.size())->Bytes());
-    EXPECT_EQ(bytes.size(), logonmon::SidLengthFromHeader(longer.data(), longer.size()));
 }
 
 }  // namespace
