@@ -1,7 +1,5 @@
 #include "trace/FileTrace.h"
 
-#include <exception>
-
 #include "log/LogWriter.h"
 #include "trace/AutoLogger.h"
 #include "trace/Controller.h"
@@ -26,20 +24,38 @@ Controller FileSession(const std::wstring& path) {
     return session;
 }
 
-// A boot entry whose session did not start now would not start at boot
+// Removes the boot entry just saved unless disarmed, also when starting
+// throws: an entry whose session did not start now would not start at boot
 // either.
-void RemoveBootEntry(const Controller& session) {
-    const LSTATUS deleted = AutoLogger::Delete(session.SessionName());
-    if (deleted != ERROR_SUCCESS) {
-        LogMessage(nullptr, LOG_LEVEL_ERROR, kStartFunction, kDeleteFailed,
-                   static_cast<int>(deleted));
+class BootEntryRollBack {
+  public:
+    explicit BootEntryRollBack(const std::wstring& sessionName) : sessionName_(sessionName) {}
+    ~BootEntryRollBack() {
+        if (!armed_) {
+            return;
+        }
+        const LSTATUS deleted = AutoLogger::Delete(sessionName_);
+        if (deleted != ERROR_SUCCESS) {
+            LogMessage(nullptr, LOG_LEVEL_ERROR, kStartFunction, kDeleteFailed,
+                       static_cast<int>(deleted));
+        }
     }
-}
+    BootEntryRollBack(const BootEntryRollBack&) = delete;
+    BootEntryRollBack& operator=(const BootEntryRollBack&) = delete;
+
+    void Arm() { armed_ = true; }
+    void Disarm() { armed_ = false; }
+
+  private:
+    const std::wstring& sessionName_;
+    bool armed_ = false;
+};
 
 }  // namespace
 
 ULONG StartFileTrace(const std::wstring& path, bool persistent) {
     Controller session = FileSession(path);
+    BootEntryRollBack rollBack(session.SessionName());
     if (persistent) {
         session.SetSessionGuid(kFileSessionGuid);
         const LSTATUS saved = AutoLogger::Save(session);
@@ -52,21 +68,13 @@ ULONG StartFileTrace(const std::wstring& path, bool persistent) {
         // still shows that a boot entry now exists.
         LogMessage(nullptr, LOG_LEVEL_ERROR, kStartFunction,
                    "Persistent trace session AutoLogger saved in registry");
+        rollBack.Arm();
     }
-    ULONG started;
-    try {
-        started = session.Start();
-    } catch (const std::exception&) {
-        if (persistent) {
-            RemoveBootEntry(session);
-        }
-        throw;
-    }
+    const ULONG started = session.Start();
     if (started == ERROR_SUCCESS) {
+        rollBack.Disarm();
         LogMessage(nullptr, LOG_LEVEL_INFO, kStartFunction, "Tracing to %ws succeeded.",
                    path.c_str());
-    } else if (persistent) {
-        RemoveBootEntry(session);
     }
     return started;
 }
