@@ -14,70 +14,44 @@
 namespace logonmon {
 namespace {
 
-using ::testing::UnorderedElementsAreArray;
-
 constexpr wchar_t kSessionGuid[] = L"{75CE81CB-823D-4EEF-9B6B-9CB47276A6AF}";
 const std::wstring kEntry = std::wstring(kAutoLoggerKey) + L"\\" + kFileSessionName;
 
-// A value as read back: type and raw bytes.
+// Type and raw bytes of a value as read back.
 using Value = std::pair<DWORD, std::vector<uint8_t>>;
+using Values = std::map<std::wstring, Value>;
 
-Value Dword(uint32_t value) {
-    return {REG_DWORD,
-            {uint8_t(value), uint8_t(value >> 8), uint8_t(value >> 16), uint8_t(value >> 24)}};
+Value Dword(uint32_t v) {
+    return {REG_DWORD, {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}};
 }
 
 Value String(const std::wstring& text) {
-    Value value{REG_SZ, {}};
-    for (wchar_t c : text + L'\0') {
-        value.second.insert(value.second.end(), {uint8_t(c & 0xFF), uint8_t(c >> 8)});
-    }
-    return value;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(text.c_str());
+    return {REG_SZ, {bytes, bytes + (text.size() + 1) * sizeof(wchar_t)}};
 }
 
-// Every value of the key, or nothing when the key does not exist.
-std::map<std::wstring, Value> Values(const std::wstring& path) {
-    std::map<std::wstring, Value> values;
-    HKEY key = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) {
-        return values;
-    }
+// The values and subkey names of a key; both empty when it does not exist.
+std::pair<Values, std::vector<std::wstring>> ReadKey(const std::wstring& path) {
+    std::pair<Values, std::vector<std::wstring>> read;
+    RegistryKey key;
+    key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ);
     wchar_t name[256];
-    uint8_t data[4096];
-    DWORD nameLength = 256, size = sizeof(data), type = REG_NONE;
-    for (DWORD i = 0;
-         RegEnumValueW(key, i, name, &nameLength, nullptr, &type, data, &size) == ERROR_SUCCESS;
-         ++i, nameLength = 256, size = sizeof(data)) {
-        values[name] = Value{type, std::vector<uint8_t>(data, data + size)};
+    uint8_t data[256];
+    for (DWORD i = 0;; ++i) {
+        DWORD length = 256, size = sizeof(data), type = REG_NONE;
+        if (RegEnumValueW(key.Get(), i, name, &length, nullptr, &type, data, &size) != 0) {
+            break;
+        }
+        read.first[name] = {type, {data, data + size}};
     }
-    RegCloseKey(key);
-    return values;
-}
-
-std::vector<std::wstring> SubKeys(const std::wstring& path) {
-    std::vector<std::wstring> names;
-    HKEY key = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) {
-        return names;
+    for (DWORD i = 0;; ++i) {
+        DWORD length = 256;
+        if (RegEnumKeyExW(key.Get(), i, name, &length, nullptr, nullptr, nullptr, nullptr) != 0) {
+            break;
+        }
+        read.second.push_back(name);
     }
-    wchar_t name[256];
-    DWORD length = 256;
-    for (DWORD i = 0;
-         RegEnumKeyExW(key, i, name, &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
-         ++i, length = 256) {
-        names.push_back(name);
-    }
-    RegCloseKey(key);
-    return names;
-}
-
-bool EntryExists() {
-    HKEY key = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kEntry.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) {
-        return false;
-    }
-    RegCloseKey(key);
-    return true;
+    return read;
 }
 
 Controller FileSession(const std::wstring& path) {
@@ -102,19 +76,18 @@ TEST_F(AutoLoggerTest, SaveWritesTheSessionAndOneSubkeyPerProvider) {
     const Controller session = FileSession(L"C:\\trace\\boot.etl");
     ASSERT_EQ(AutoLogger::Save(session), ERROR_SUCCESS);
 
-    EXPECT_EQ(Values(kEntry), (std::map<std::wstring, Value>{
-                                  {L"Start", Dword(1)},
-                                  {L"LogFileMode", Dword(0)},
-                                  {L"FileName", String(L"C:\\trace\\boot.etl")},
-                                  {L"MaxFileSize", Dword(0)},
-                                  {L"FlushTimer", Dword(0)},
-                                  {L"GUID", String(kSessionGuid)},
-                              }));
+    const auto [values, subKeys] = ReadKey(kEntry);
+    EXPECT_EQ(values, (Values{{L"Start", Dword(1)},
+                              {L"LogFileMode", Dword(0)},
+                              {L"FileName", String(L"C:\\trace\\boot.etl")},
+                              {L"MaxFileSize", Dword(0)},
+                              {L"FlushTimer", Dword(0)},
+                              {L"GUID", String(kSessionGuid)}}));
     std::vector<std::wstring> providers;
     for (const TraceProvider& provider : session.Providers()) {
         providers.push_back(GuidText(provider.providerId));
     }
-    ASSERT_THAT(SubKeys(kEntry), UnorderedElementsAreArray(providers));
+    ASSERT_THAT(subKeys, ::testing::UnorderedElementsAreArray(providers));
 
     // "EventIds" of the providers with an event-id filter.
     const std::map<std::wstring, std::vector<uint8_t>> eventIds{
@@ -123,60 +96,38 @@ TEST_F(AutoLoggerTest, SaveWritesTheSessionAndOneSubkeyPerProvider) {
         {L"{22FB2CD6-0E7B-422B-A0C7-2FAD1FD0E716}", {0x01, 0x00, 0x02, 0x00}},
     };
     for (const std::wstring& provider : providers) {
-        const std::wstring path = kEntry + L"\\" + provider;
-        EXPECT_EQ(Values(path), (std::map<std::wstring, Value>{{L"Enabled", Dword(1)},
-                                                               {L"EnableProperty", Dword(131)},
-                                                               {L"EnableLevel", Dword(4)}}));
+        const auto [values, subKeys] = ReadKey(kEntry + L"\\" + provider);
+        EXPECT_EQ(values, (Values{{L"Enabled", Dword(1)},
+                                  {L"EnableProperty", Dword(131)},
+                                  {L"EnableLevel", Dword(4)}}));
         const auto ids = eventIds.find(provider);
-        if (ids == eventIds.end()) {
-            EXPECT_TRUE(SubKeys(path).empty()) << Utf8FromWide(provider);
-            continue;
+        EXPECT_EQ(subKeys.size(), ids == eventIds.end() ? 0u : 1u) << Utf8FromWide(provider);
+        if (ids != eventIds.end()) {
+            EXPECT_EQ(ReadKey(kEntry + L"\\" + provider + L"\\Filters").first,
+                      (Values{{L"Enabled", Dword(1)},
+                              {L"EventIdFilterIn", Dword(1)},
+                              {L"EventIds", {REG_BINARY, ids->second}}}));
         }
-        EXPECT_EQ(SubKeys(path), std::vector<std::wstring>{L"Filters"});
-        EXPECT_EQ(Values(path + L"\\Filters"),
-                  (std::map<std::wstring, Value>{{L"Enabled", Dword(1)},
-                                                 {L"EventIdFilterIn", Dword(1)},
-                                                 {L"EventIds", {REG_BINARY, ids->second}}}));
     }
-}
-
-TEST_F(AutoLoggerTest, AnExistingEntryIsNeverOverwrittenAndAnEmptyNameRefused) {
-    ASSERT_EQ(AutoLogger::Save(FileSession(L"C:\\first.etl")), ERROR_SUCCESS);
-    EXPECT_EQ(AutoLogger::Save(FileSession(L"C:\\second.etl")), ERROR_ALREADY_EXISTS);
-    EXPECT_EQ(Values(kEntry)[L"FileName"], String(L"C:\\first.etl"));
-    EXPECT_EQ(SubKeys(kEntry).size(), 23u);
-
-    EXPECT_EQ(AutoLogger::Save(Controller()), ERROR_INVALID_PARAMETER);
-    // An empty name must not reach the entries of other sessions.
-    EXPECT_EQ(AutoLogger::Delete(L""), ERROR_INVALID_PARAMETER);
-    EXPECT_TRUE(EntryExists());
-}
-
-TEST_F(AutoLoggerTest, DeleteRemovesTheWholeEntryAndReportsAMissingOne) {
-    ASSERT_EQ(AutoLogger::Save(FileSession(L"C:\\t.etl")), ERROR_SUCCESS);
-    EXPECT_EQ(AutoLogger::Delete(kFileSessionName), ERROR_SUCCESS);
-    EXPECT_FALSE(EntryExists());
-    EXPECT_EQ(AutoLogger::Delete(kFileSessionName), ERROR_FILE_NOT_FOUND);
 }
 
 // Registry writes that fail at write number failingWrite (counted from 1)
 // and otherwise reach the registry.
 int writeCount = 0;
 int failingWrite = 0;
-constexpr LSTATUS kInjectedFailure = ERROR_KEY_DELETED;
 
 LSTATUS WINAPI CountingCreateKey(HKEY parent, LPCWSTR subKey, DWORD reserved, LPWSTR keyClass,
                                  DWORD options, REGSAM access, const LPSECURITY_ATTRIBUTES security,
                                  PHKEY key, LPDWORD disposition) {
     return ++writeCount == failingWrite
-               ? kInjectedFailure
+               ? ERROR_KEY_DELETED
                : RegCreateKeyExW(parent, subKey, reserved, keyClass, options, access, security, key,
                                  disposition);
 }
 
 LSTATUS WINAPI CountingSetValue(HKEY key, LPCWSTR name, DWORD reserved, DWORD type,
                                 const BYTE* data, DWORD size) {
-    return ++writeCount == failingWrite ? kInjectedFailure
+    return ++writeCount == failingWrite ? ERROR_KEY_DELETED
                                         : RegSetValueExW(key, name, reserved, type, data, size);
 }
 
@@ -192,12 +143,23 @@ TEST_F(AutoLoggerTest, AFailureAtAnyWriteLeavesNoEntry) {
     ASSERT_EQ(AutoLogger::Save(session), ERROR_SUCCESS);
     const int writes = writeCount;
     ASSERT_EQ(AutoLogger::Delete(kFileSessionName), ERROR_SUCCESS);
+    ASSERT_EQ(RegistryKey().Open(HKEY_LOCAL_MACHINE, kEntry.c_str(), KEY_READ),
+              ERROR_FILE_NOT_FOUND);
 
     for (failingWrite = 1; failingWrite <= writes; ++failingWrite) {
         writeCount = 0;
-        EXPECT_EQ(AutoLogger::Save(session), kInjectedFailure);
-        ASSERT_FALSE(EntryExists()) << "failing write " << failingWrite;
+        EXPECT_EQ(AutoLogger::Save(session), ERROR_KEY_DELETED);
+        ASSERT_EQ(RegistryKey().Open(HKEY_LOCAL_MACHINE, kEntry.c_str(), KEY_READ),
+                  ERROR_FILE_NOT_FOUND)
+            << "failing write " << failingWrite;
     }
+}
+
+TEST_F(AutoLoggerTest, AnEmptyNameIsRefusedAndReachesNoOtherEntry) {
+    ASSERT_EQ(AutoLogger::Save(FileSession(L"C:\\t.etl")), ERROR_SUCCESS);
+    EXPECT_EQ(AutoLogger::Save(Controller()), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(AutoLogger::Delete(L""), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(ReadKey(kEntry).second.size(), 23u);
 }
 
 }  // namespace

@@ -17,14 +17,12 @@ namespace logonmon {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
 using testing::RecordingEtwControl;
 
-const std::string kCloseSession = "Close:" + std::to_string(RecordingEtwControl::kSessionHandle);
+const std::string kClose = "Close " + std::to_string(RecordingEtwControl::kSessionHandle);
 
-// Timing list, the diagnostic list without its repeated entry, the process
-// provider.
+// The timing list, the diagnostic list without its repeated entry, the
+// process provider.
 const std::vector<std::wstring> kFileSessionIds{
     L"{DBE9B383-7CF3-4331-91CC-A3CB16A3B538}", L"{AEA1B4FA-97D1-45F2-A64C-4D69FFFD92C9}",
     L"{30336ED4-E327-447C-9DE0-51B652C86108}", L"{89B1E9F0-5AFF-44A6-9B44-0A07A7CE5845}",
@@ -39,8 +37,7 @@ const std::vector<std::wstring> kFileSessionIds{
     L"{0B9B891E-FF74-49AC-A582-4C58BDF12D8B}", L"{E8316A2D-0D94-4F52-85DD-1E15B66C5891}",
     L"{22FB2CD6-0E7B-422B-A0C7-2FAD1FD0E716}",
 };
-// Index in the file session and the EVENT_FILTER_EVENT_ID passed for it:
-// FilterIn, Reserved, Count, then the ids in list order.
+// The EVENT_FILTER_EVENT_ID by index above: FilterIn, Reserved, Count, ids.
 const std::map<size_t, std::vector<uint8_t>> kEventIdFilters{
     {2, {1, 0, 1, 0, 0x82, 0x25}},               // 9602
     {5, {1, 0, 2, 0, 0xE8, 0x01, 0xE9, 0x03}},   // 488, 1001
@@ -56,44 +53,8 @@ Controller FileSession(const std::wstring& path) {
     return session;
 }
 
-std::vector<std::wstring> Ids(const std::vector<TraceProvider>& providers) {
-    std::vector<std::wstring> ids;
-    for (const TraceProvider& provider : providers) {
-        ids.push_back(GuidText(provider.providerId));
-    }
-    return ids;
-}
-
 TraceProvider Provider(uint32_t enableProperty, uint32_t level, std::vector<uint16_t> ids) {
     return {{1, 0, 0, {}}, enableProperty, level, std::move(ids)};
-}
-
-TEST(ControllerTest, SessionsAreBuiltFromTheProviderLists) {
-    const Controller timing = Controller::Timing();
-    EXPECT_EQ(timing.SessionName(), L"logonmon_timing");
-    EXPECT_EQ(timing.LogFileMode(), 0x100u);
-    EXPECT_THAT(Ids(timing.Providers()),
-                ElementsAreArray(kFileSessionIds.begin(), kFileSessionIds.begin() + 7));
-    const Controller diagnostic = Controller::Diagnostic();
-    EXPECT_EQ(diagnostic.SessionName(), L"logonmon_diag_trace_rt");
-    EXPECT_EQ(diagnostic.LogFileMode(), 0x100u);
-    EXPECT_THAT(diagnostic.Providers(), IsEmpty());
-    ASSERT_EQ(DiagnosticProviders().size(), 16u);
-    EXPECT_EQ(GuidText(DiagnosticProviders()[12].providerId), kFileSessionIds[11]);
-
-    const Controller session = FileSession(L"C:\\t.etl");
-    EXPECT_EQ(session.SessionName(), L"logonmon_diag_trace_file");
-    EXPECT_EQ(session.LogFileMode(), 0u);
-    EXPECT_EQ(session.LogFileName(), L"C:\\t.etl");
-    EXPECT_EQ(session.FlushTimer() + session.MaximumFileSize(), 0u);
-    EXPECT_THAT(Ids(session.Providers()), ElementsAreArray(kFileSessionIds));
-    for (const TraceProvider& provider : session.Providers()) {
-        EXPECT_EQ(provider.enableProperty, 0x83u);
-        EXPECT_EQ(provider.level, 4u);
-    }
-    EXPECT_EQ(session.Providers()[2].eventIds, std::vector<uint16_t>{9602});
-    EXPECT_EQ(session.Providers()[5].eventIds, (std::vector<uint16_t>{488, 1001}));
-    EXPECT_EQ(session.Providers()[22].eventIds, (std::vector<uint16_t>{1, 2}));
 }
 
 TEST(ControllerTest, MergingFoldsAProviderIntoOneEntry) {
@@ -109,14 +70,13 @@ TEST(ControllerTest, MergingFoldsAProviderIntoOneEntry) {
     };
     for (const auto& c : cases) {
         Controller session;
-        session.AddProviders({c.present});
-        session.AddProviders({c.added});
+        session.AddProviders({c.present, c.added});
         ASSERT_EQ(session.Providers().size(), 1u);
-        const TraceProvider& merged = session.Providers()[0];
-        EXPECT_EQ(merged.enableProperty, c.merged.enableProperty);
-        EXPECT_EQ(merged.level, c.merged.level);
-        EXPECT_EQ(merged.eventIds, c.merged.eventIds);
+        EXPECT_EQ(session.Providers()[0].enableProperty, c.merged.enableProperty);
+        EXPECT_EQ(session.Providers()[0].level, c.merged.level);
+        EXPECT_EQ(session.Providers()[0].eventIds, c.merged.eventIds);
     }
+    EXPECT_EQ(DiagnosticProviders().size(), 16u);  // one provider on purpose twice
 }
 
 // The block as the system reads it: EVENT_TRACE_PROPERTIES (x64), the session
@@ -124,54 +84,68 @@ TEST(ControllerTest, MergingFoldsAProviderIntoOneEntry) {
 std::vector<uint8_t> PropertiesBlock(const std::wstring& sessionName, const std::wstring& file,
                                      uint32_t logFileMode, bool systemTimeClock) {
     std::vector<uint8_t> bytes(4216);
-    const auto put32 = [&](size_t offset, uint32_t value) {
-        for (int i = 0; i < 4; ++i) {
+    const auto put = [&](size_t offset, uint32_t value, size_t size) {
+        for (size_t i = 0; i < size; ++i) {
             bytes[offset + i] = static_cast<uint8_t>(value >> (8 * i));
         }
     };
     const auto putText = [&](size_t offset, const std::wstring& text) {
-        for (wchar_t c : text) {
-            bytes[offset++] = static_cast<uint8_t>(c & 0xFF);
-            bytes[offset++] = static_cast<uint8_t>(c >> 8);
+        for (size_t i = 0; i < text.size(); ++i) {
+            put(offset + 2 * i, text[i], 2);
         }
     };
-    put32(0, 4216);                      // Wnode.BufferSize
-    put32(44, 0x20000);                  // Wnode.Flags: WNODE_FLAG_TRACED_GUID
-    put32(40, systemTimeClock ? 2 : 0);  // Wnode.ClientContext
-    put32(64, logFileMode);              // LogFileMode
-    put32(116, 120);                     // LoggerNameOffset
+    put(0, 4216, 4);                      // Wnode.BufferSize
+    put(40, systemTimeClock ? 2 : 0, 4);  // Wnode.ClientContext
+    put(44, 0x20000, 4);                  // Wnode.Flags: WNODE_FLAG_TRACED_GUID
+    put(64, logFileMode, 4);              // LogFileMode
+    put(116, 120, 4);                     // LoggerNameOffset
     putText(120, sessionName);
     if (!file.empty()) {
-        put32(112, 2168);  // LogFileNameOffset
+        put(112, 2168, 4);  // LogFileNameOffset
         putText(2168, file);
     }
     return bytes;
 }
 
-TEST(ControllerTest, StartAndStopPassThePropertiesBlockByteForByte) {
+TEST(ControllerTest, StartAndStopPassTheBlockAndStartEnablesEveryProviderInOrder) {
     const std::wstring longestPath = L"C:\\" + std::wstring(1020, L'p');  // 1,023 characters
     const struct {
         Controller session;
-        std::wstring file;
+        std::wstring name, file;
         uint32_t mode;
+        size_t providers;  // the first ones of the file session
     } cases[] = {
-        {Controller::Timing(), L"", 0x100},
-        {FileSession(L"C:\\trace\\boot.etl"), L"C:\\trace\\boot.etl", 0},
-        {FileSession(longestPath), longestPath, 0},
+        {Controller::Timing(), L"logonmon_timing", L"", 0x100, 7},
+        {Controller::Diagnostic(), L"logonmon_diag_trace_rt", L"", 0x100, 0},
+        {FileSession(L"C:\\t\\boot.etl"), L"logonmon_diag_trace_file", L"C:\\t\\boot.etl", 0, 23},
+        {FileSession(longestPath), L"logonmon_diag_trace_file", longestPath, 0, 23},
     };
     for (const auto& c : cases) {
         RecordingEtwControl etw;
-        const std::wstring& name = c.session.SessionName();
         ASSERT_EQ(c.session.Start(), 0u);
-        EXPECT_EQ(etw.startedName, name);
-        EXPECT_EQ(etw.startProperties, PropertiesBlock(name, c.file, c.mode, true)) << c.mode;
-
         ASSERT_EQ(c.session.Stop(), 0u);
-        ASSERT_EQ(etw.controls.size(), 1u);
-        EXPECT_EQ(etw.controls[0].handle, 0u);
-        EXPECT_EQ(etw.controls[0].sessionName, name);
-        EXPECT_EQ(etw.controls[0].controlCode, ULONG{EVENT_TRACE_CONTROL_STOP});
-        EXPECT_EQ(etw.controls[0].properties, PropertiesBlock(name, c.file, c.mode, false));
+        std::vector<std::string> expectedCalls{"Start " + Utf8FromWide(c.name)};
+        expectedCalls.insert(expectedCalls.end(), c.providers, "Enable");
+        expectedCalls.insert(expectedCalls.end(), {kClose, "Stop " + Utf8FromWide(c.name)});
+        EXPECT_EQ(etw.calls, expectedCalls);
+        EXPECT_EQ(etw.startBlock, PropertiesBlock(c.name, c.file, c.mode, true));
+        EXPECT_EQ(etw.stopBlock, PropertiesBlock(c.name, c.file, c.mode, false));
+
+        for (size_t i = 0; i < etw.enables.size(); ++i) {
+            const testing::EnableCall& call = etw.enables[i];
+            EXPECT_EQ(call.handle, RecordingEtwControl::kSessionHandle);
+            EXPECT_EQ(GuidText(call.providerId), kFileSessionIds[i]);
+            EXPECT_EQ(call.controlCode, 1u);  // EVENT_CONTROL_CODE_ENABLE_PROVIDER
+            EXPECT_EQ(call.level, 4);
+            EXPECT_EQ(call.keywordsAndTimeout, 0u);
+            EXPECT_EQ(call.parameters.Version, 2u);
+            EXPECT_EQ(call.parameters.EnableProperty, 0x83u);
+            const auto filter = kEventIdFilters.find(i);
+            const bool filtered = filter != kEventIdFilters.end();
+            EXPECT_EQ(call.parameters.FilterDescCount, filtered ? 1u : 0u) << i;
+            EXPECT_EQ(call.filter, filtered ? filter->second : std::vector<uint8_t>{}) << i;
+            EXPECT_EQ(call.filterType, filtered ? 0x80000200u : 0u);  // EVENT_FILTER_TYPE_EVENT_ID
+        }
     }
 }
 
@@ -189,36 +163,7 @@ TEST(ControllerTest, RefusesWhatCannotBePassedWithoutCallingTheSystem) {
             EXPECT_STREQ(error.what(), "file name string too long");
         }
     }
-    EXPECT_THAT(etw.calls, IsEmpty());
-}
-
-TEST(ControllerTest, EnablesEveryProviderInOrderThenClosesTheHandle) {
-    RecordingEtwControl etw;
-    const Controller session = FileSession(L"C:\\t.etl");
-    ASSERT_EQ(session.Start(), 0u);
-
-    std::vector<std::string> expectedCalls{"Start"};
-    expectedCalls.insert(expectedCalls.end(), 23, "Enable");
-    expectedCalls.push_back(kCloseSession);
-    EXPECT_EQ(etw.calls, expectedCalls);
-    for (size_t i = 0; i < etw.enables.size(); ++i) {
-        const testing::EnableCall& call = etw.enables[i];
-        EXPECT_EQ(call.handle, RecordingEtwControl::kSessionHandle);
-        EXPECT_EQ(GuidText(call.providerId), kFileSessionIds[i]);
-        EXPECT_EQ(call.controlCode, 1u);  // EVENT_CONTROL_CODE_ENABLE_PROVIDER
-        EXPECT_EQ(call.level, 4);
-        EXPECT_EQ(call.matchAnyKeyword + call.matchAllKeyword + call.timeout, 0u);
-        EXPECT_EQ(call.parameters.Version, 2u);
-        EXPECT_EQ(call.parameters.EnableProperty, 0x83u);
-        const auto filter = kEventIdFilters.find(i);
-        if (filter == kEventIdFilters.end()) {
-            EXPECT_EQ(call.parameters.FilterDescCount, 0u) << i;
-            continue;
-        }
-        EXPECT_EQ(call.parameters.FilterDescCount, 1u);
-        EXPECT_EQ(call.filter.Type, 0x80000200u);  // EVENT_FILTER_TYPE_EVENT_ID
-        EXPECT_EQ(call.filterData, filter->second) << i;
-    }
+    EXPECT_TRUE(etw.calls.empty());
 }
 
 std::vector<std::wstring> debugLines;
@@ -238,10 +183,8 @@ class ControllerFailureTest : public ::testing::Test {
 TEST_F(ControllerFailureTest, EnablingFailureAtTheThirdProviderStopsTheSessionAgain) {
     etw_.failingEnable = 2;
     EXPECT_EQ(Controller::Timing().Start(), ULONG{ERROR_ACCESS_DENIED});
-    EXPECT_THAT(etw_.calls,
-                ElementsAre("Start", "Enable", "Enable", "Enable", kCloseSession, "Control"));
-    EXPECT_EQ(etw_.controls.at(0).sessionName, L"logonmon_timing");
-    EXPECT_EQ(etw_.controls.at(0).controlCode, ULONG{EVENT_TRACE_CONTROL_STOP});
+    EXPECT_THAT(etw_.calls, ElementsAre("Start logonmon_timing", "Enable", "Enable", "Enable",
+                                        kClose, "Stop logonmon_timing"));
     EXPECT_THAT(debugLines, ElementsAre(L"LogonMonitor: EnableTraceEx2 "
                                         L"{30336ED4-E327-447C-9DE0-51B652C86108} failed, GLE=5"));
 }
@@ -251,10 +194,11 @@ TEST_F(ControllerFailureTest, FailuresAreReturnedAndOnlyUnexpectedStartFailuresR
     EXPECT_EQ(Controller::Timing().Start(), ULONG{ERROR_ALREADY_EXISTS});
     etw_.startResult = ERROR_ACCESS_DENIED;
     EXPECT_EQ(Controller::Timing().Start(), ULONG{ERROR_ACCESS_DENIED});
-    etw_.controlResult = ERROR_WMI_INSTANCE_NOT_FOUND;
+    etw_.stopResult = ERROR_WMI_INSTANCE_NOT_FOUND;
     EXPECT_EQ(Controller::Timing().Stop(), ULONG{ERROR_WMI_INSTANCE_NOT_FOUND});
 
-    EXPECT_THAT(etw_.calls, ElementsAre("Start", "Start", "Control"));
+    EXPECT_THAT(etw_.calls, ElementsAre("Start logonmon_timing", "Start logonmon_timing",
+                                        "Stop logonmon_timing"));
     EXPECT_THAT(debugLines, ElementsAre(L"LogonMonitor: Failed starting trace, GLE=5"));
 }
 

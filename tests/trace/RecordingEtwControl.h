@@ -3,7 +3,6 @@
 #pragma once
 
 #include <windows.h>
-#include <evntprov.h>
 #include <evntrace.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "trace/EtwControlApi.h"
+#include "trace/TextForms.h"
 
 namespace logonmon::testing {
 
@@ -20,18 +20,10 @@ struct EnableCall {
     GUID providerId;
     ULONG controlCode;
     UCHAR level;
-    ULONGLONG matchAnyKeyword, matchAllKeyword;
-    ULONG timeout;
+    ULONGLONG keywordsAndTimeout;  // match-any, match-all and timeout added up
     ENABLE_TRACE_PARAMETERS parameters;
-    EVENT_FILTER_DESCRIPTOR filter;
-    std::vector<uint8_t> filterData;  // what the descriptor points at
-};
-
-struct ControlCall {
-    TRACEHANDLE handle;
-    std::wstring sessionName;
-    ULONG controlCode;
-    std::vector<uint8_t> properties;
+    ULONG filterType;
+    std::vector<uint8_t> filter;  // what the filter descriptor points at
 };
 
 class RecordingEtwControl final : public EtwControlApi {
@@ -43,46 +35,45 @@ class RecordingEtwControl final : public EtwControlApi {
 
     // A failure also becomes the thread's last error, as with the system.
     ULONG startResult = ERROR_SUCCESS;
-    ULONG controlResult = ERROR_SUCCESS;
+    ULONG stopResult = ERROR_SUCCESS;
     size_t failingEnable = SIZE_MAX;  // index of the EnableTraceEx2 call that fails
-    ULONG enableFailure = ERROR_ACCESS_DENIED;
 
-    std::vector<std::string> calls;  // "Start", "Enable", "Close:<handle>", "Control"
-    std::wstring startedName;
-    std::vector<uint8_t> startProperties;
+    // "Start <name>", "Enable", "Close <handle>", "Stop <name>"
+    std::vector<std::string> calls;
+    std::vector<uint8_t> startBlock, stopBlock;  // the properties passed
     std::vector<EnableCall> enables;
-    std::vector<ControlCall> controls;
 
-    ULONG StartTrace(TRACEHANDLE* handle, const wchar_t* sessionName,
+    ULONG StartTrace(TRACEHANDLE* handle, const wchar_t* name,
                      EVENT_TRACE_PROPERTIES* properties) override {
-        calls.push_back("Start");
-        startedName = sessionName;
-        startProperties = Bytes(properties);
+        calls.push_back("Start " + Utf8FromWide(name));
+        startBlock = Bytes(properties);
         *handle = startResult == ERROR_SUCCESS ? kSessionHandle : 0;
         return Result(startResult);
     }
-    ULONG ControlTrace(TRACEHANDLE handle, const wchar_t* sessionName,
-                       EVENT_TRACE_PROPERTIES* properties, ULONG controlCode) override {
-        calls.push_back("Control");
-        controls.push_back({handle, sessionName, controlCode, Bytes(properties)});
-        return Result(controlResult);
+    ULONG ControlTrace(TRACEHANDLE handle, const wchar_t* name, EVENT_TRACE_PROPERTIES* properties,
+                       ULONG code) override {
+        const bool stopByName = handle == 0 && code == EVENT_TRACE_CONTROL_STOP;
+        calls.push_back((stopByName ? "Stop " : "Control? ") + Utf8FromWide(name));
+        stopBlock = Bytes(properties);
+        return Result(stopResult);
     }
-    ULONG EnableTraceEx2(TRACEHANDLE handle, const GUID& providerId, ULONG controlCode, UCHAR level,
-                         ULONGLONG matchAnyKeyword, ULONGLONG matchAllKeyword, ULONG timeout,
+    ULONG EnableTraceEx2(TRACEHANDLE handle, const GUID& providerId, ULONG code, UCHAR level,
+                         ULONGLONG matchAny, ULONGLONG matchAll, ULONG timeout,
                          ENABLE_TRACE_PARAMETERS* parameters) override {
         calls.push_back("Enable");
-        EnableCall call{handle,          providerId, controlCode, level, matchAnyKeyword,
-                        matchAllKeyword, timeout,    *parameters, {},    {}};
+        EnableCall call{handle,      providerId, code, level, matchAny + matchAll + timeout,
+                        *parameters, 0,          {}};
         if (parameters->FilterDescCount > 0) {
-            call.filter = *parameters->EnableFilterDesc;
-            const auto* data = reinterpret_cast<const uint8_t*>(call.filter.Ptr);
-            call.filterData.assign(data, data + call.filter.Size);
+            const EVENT_FILTER_DESCRIPTOR& filter = *parameters->EnableFilterDesc;
+            const auto* data = reinterpret_cast<const uint8_t*>(filter.Ptr);
+            call.filterType = filter.Type;
+            call.filter.assign(data, data + filter.Size);
         }
         enables.push_back(call);
-        return Result(enables.size() - 1 == failingEnable ? enableFailure : ERROR_SUCCESS);
+        return Result(enables.size() - 1 == failingEnable ? ERROR_ACCESS_DENIED : ERROR_SUCCESS);
     }
     ULONG CloseTrace(TRACEHANDLE handle) override {
-        calls.push_back("Close:" + std::to_string(handle));
+        calls.push_back("Close " + std::to_string(handle));
         return ERROR_SUCCESS;
     }
 
@@ -96,7 +87,7 @@ class RecordingEtwControl final : public EtwControlApi {
     // As far as the block's own size says, at most the 4,216 bytes allocated.
     static std::vector<uint8_t> Bytes(const EVENT_TRACE_PROPERTIES* properties) {
         const auto* data = reinterpret_cast<const uint8_t*>(properties);
-        return {data, data + std::min<size_t>(properties->Wnode.BufferSize, 4216)};
+        return {data, data + std::min<ULONG>(properties->Wnode.BufferSize, 4216)};
     }
 
     EtwControlApi* previous_;
