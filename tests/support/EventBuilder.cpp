@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <cwchar>
 #include <stdexcept>
 
 #include "trace/Sid.h"
@@ -26,15 +27,6 @@ std::vector<uint8_t> LittleEndianBytes(T value) {
         bytes[i] = static_cast<uint8_t>(static_cast<uint64_t>(value) >> (8 * i));
     }
     return bytes;
-}
-
-unsigned HexDigit(wchar_t c) {
-    static constexpr wchar_t kDigits[] = L"0123456789abcdef0123456789ABCDEF";
-    const wchar_t* found = std::find(kDigits, kDigits + 32, c);
-    if (found == kDigits + 32) {
-        throw std::invalid_argument("not a GUID");
-    }
-    return static_cast<unsigned>(found - kDigits) % 16;
 }
 
 const EventBuilder::Served* ServedFor(const EVENT_RECORD& event) {
@@ -98,27 +90,17 @@ PropertyDefinition UInt32Property(const std::wstring& name, uint32_t value) {
 }
 
 GUID GuidFromText(const std::wstring& text) {
-    std::vector<uint8_t> bytes;  // in text order
-    size_t digits = 0;
-    for (const wchar_t c : text) {
-        if (c == L'{' || c == L'}' || c == L'-') {
-            continue;
-        }
-        if (digits++ % 2 == 0) {
-            bytes.push_back(static_cast<uint8_t>(HexDigit(c) << 4));
-        } else {
-            bytes.back() = static_cast<uint8_t>(bytes.back() | HexDigit(c));
-        }
-    }
-    if (bytes.size() != 16) {
+    unsigned parts[11] = {};
+    const wchar_t* bare = text.c_str() + (text.starts_with(L"{") ? 1 : 0);
+    if (std::swscanf(bare, L"%8x-%4x-%4x-%2x%2x-%2x%2x%2x%2x%2x%2x", &parts[0], &parts[1],
+                     &parts[2], &parts[3], &parts[4], &parts[5], &parts[6], &parts[7], &parts[8],
+                     &parts[9], &parts[10]) != 11) {
         throw std::invalid_argument("not a GUID");
     }
-    GUID guid{};
-    guid.Data1 = static_cast<decltype(guid.Data1)>(
-        uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3]);
-    guid.Data2 = static_cast<uint16_t>(bytes[4] << 8 | bytes[5]);
-    guid.Data3 = static_cast<uint16_t>(bytes[6] << 8 | bytes[7]);
-    std::copy(bytes.begin() + 8, bytes.end(), guid.Data4);
+    GUID guid{parts[0], static_cast<uint16_t>(parts[1]), static_cast<uint16_t>(parts[2]), {}};
+    for (size_t i = 0; i < 8; ++i) {
+        guid.Data4[i] = static_cast<uint8_t>(parts[3 + i]);
+    }
     return guid;
 }
 

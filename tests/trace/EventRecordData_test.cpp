@@ -99,18 +99,6 @@ TEST(EventRecordDataTest, SessionIdAndUserSidFromExtendedData) {
         EXPECT_EQ(c.sessionId, data.sessionId) << c.label;
         EXPECT_EQ(c.sidText, data.userSid ? data.userSid->ToString() : L"") << c.label;
     }
-
-    // Items without data, and a count without an item array.
-    EventBuilder builder;
-    EVENT_RECORD record = builder.SessionId(4).UserSid(L"S-1-5-18").Record();
-    std::vector<EVENT_HEADER_EXTENDED_DATA_ITEM> items(record.ExtendedData,
-                                                       record.ExtendedData + 2);
-    items[0].DataPtr = items[1].DataPtr = 0;
-    record.ExtendedData = items.data();
-    EXPECT_EQ(0xFFFFFFFFu, EventRecordData(record).sessionId);
-    EXPECT_FALSE(EventRecordData(record).userSid);
-    record.ExtendedData = nullptr;
-    EXPECT_EQ(0xFFFFFFFFu, EventRecordData(record).sessionId);
 }
 
 TEST(EventRecordDataTest, SchemaNamesAndProperties) {
@@ -239,56 +227,6 @@ TEST(EventRecordDataTest, MessageFallsBackToNames) {
         EventRecordData data(builder.Record());
         EXPECT_EQ(expected, data.MessageText());
     }
-}
-
-// Serves the builder's schema after letting a test damage it.
-class CorruptingTdh : public FakeTdh {
-  public:
-    std::function<void(TRACE_EVENT_INFO&, uint32_t&)> corrupt;
-
-    uint32_t GetEventInformation(const EVENT_RECORD& event, TRACE_EVENT_INFO* buffer,
-                                 uint32_t* bufferSize) override {
-        const uint32_t status = FakeTdh::GetEventInformation(event, buffer, bufferSize);
-        if (status == kErrorSuccess) {
-            corrupt(*buffer, *bufferSize);
-        }
-        return status;
-    }
-};
-
-TEST(EventRecordDataTest, DamagedSchemaIsReadOnlyWithinItsBuffer) {
-    CorruptingTdh tdh;
-    logonmon::ScopedTdhBinding binding(tdh);
-    EventBuilder builder;
-    builder.ProviderName(L"Provider")
-        .TaskName(L"Task")
-        .EventName(L"Event")
-        .Property(L"First", L"1")
-        .Property(L"Second", L"2")
-        .Property(L"Third", L"3");
-    tdh.corrupt = [](TRACE_EVENT_INFO& info, uint32_t& size) {
-        info.ProviderNameOffset = size + 100;
-        info.TaskNameOffset += 1;  // odd
-        info.EventPropertyInfoArray[0].NameOffset = 0xFFFFFFFF;
-        size -= 2;  // the last name, "Third", loses its terminator
-    };
-    EventRecordData data(builder.Record());
-    EXPECT_EQ(L"", data.providerName);
-    EXPECT_EQ(L"", data.taskName);
-    ASSERT_EQ(3u, data.propertyNames.size());
-    EXPECT_EQ(nullptr, data.propertyNames[0]);
-    EXPECT_EQ(L"Second", data.PropertyName(1));
-    EXPECT_EQ(nullptr, data.propertyNames[2]);
-    EXPECT_EQ((std::vector<std::wstring>{L"name", L"Second"}), Keys(data));
-
-    // A property count beyond the buffer: only entries inside it are read.
-    tdh.corrupt = [](TRACE_EVENT_INFO& info, uint32_t& size) {
-        info.TopLevelPropertyCount = 0x7FFFFFFF;
-        size = offsetof(TRACE_EVENT_INFO, EventPropertyInfoArray) + 2 * sizeof(EVENT_PROPERTY_INFO);
-    };
-    EventRecordData truncated(builder.Record());
-    EXPECT_EQ((std::vector<const WCHAR*>{nullptr, nullptr}), truncated.propertyNames);
-    EXPECT_TRUE(truncated.properties.empty());
 }
 
 }  // namespace

@@ -28,20 +28,9 @@ TEST(SidTest, TextAndBinaryFormsRoundTrip) {
 }
 
 TEST(SidTest, RejectsMalformedInput) {
-    const wchar_t* const texts[] = {L"",
-                                    L"S-1",
-                                    L"S-2-5-18",
-                                    L"S-1-5-",
-                                    L"S-1-5--1",
-                                    L"X-1-5-18",
-                                    L"S-1-5-1x",
-                                    L"S-1-5-4294967296",
-                                    L"S-1-0x1000000000000-1",
-                                    L"S-1-5-1-2-3-4-5-6-7-8-9-10-11-12-13-14-15-16"};
-    for (size_t i = 0; i < std::size(texts); ++i) {
-        EXPECT_FALSE(Sid::FromString(texts[i]).has_value()) << "text " << i;
+    for (const wchar_t* text : {L"S-1", L"S-2-5-18", L"S-1-5--1", L"S-1-5-4294967296"}) {
+        EXPECT_FALSE(Sid::FromString(text).has_value());
     }
-
     const std::vector<uint8_t> bytes = Sid::FromString(L"S-1-5-21-1")->Bytes();
     EXPECT_FALSE(Sid::FromBytes(bytes.data(), bytes.size() - 1).has_value());
     EXPECT_FALSE(Sid::FromBytes(nullptr, 0).has_value());
