@@ -26,7 +26,8 @@ struct TraceProvider {
 
 class Controller {
   public:
-    // A description without a name, which cannot be started.
+    // An empty description: Start, Stop and AutoLogger::Save refuse it with
+    // ERROR_INVALID_PARAMETER.
     Controller() = default;
     // "logonmon_timing", real time, the timing providers.
     static Controller Timing();
