@@ -70,7 +70,8 @@ TEST(ControllerTest, MergingFoldsAProviderIntoOneEntry) {
     };
     for (const auto& c : cases) {
         Controller session;
-        session.AddProviders({c.present, c.added});
+        session.AddProviders({c.present});
+        session.AddProviders({c.added});
         ASSERT_EQ(session.Providers().size(), 1u);
         EXPECT_EQ(session.Providers()[0].enableProperty, c.merged.enableProperty);
         EXPECT_EQ(session.Providers()[0].level, c.merged.level);
