@@ -16,16 +16,15 @@ void SetCurrentRecord(EventRecordData* record);
 
 // Sets the slot for its lifetime and restores the previous value.
 class ScopedCurrentRecord {
-public:
-    explicit ScopedCurrentRecord(EventRecordData* record)
-        : previous_(CurrentRecord()) {
+  public:
+    explicit ScopedCurrentRecord(EventRecordData* record) : previous_(CurrentRecord()) {
         SetCurrentRecord(record);
     }
     ~ScopedCurrentRecord() { SetCurrentRecord(previous_); }
     ScopedCurrentRecord(const ScopedCurrentRecord&) = delete;
     ScopedCurrentRecord& operator=(const ScopedCurrentRecord&) = delete;
 
-private:
+  private:
     EventRecordData* previous_;
 };
 

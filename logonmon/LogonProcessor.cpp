@@ -1,10 +1,12 @@
 #include "logonmon/LogonProcessor.h"
 
 #include <algorithm>
+#include <exception>
 #include <iterator>
 
 #include "logonmon/CurrentRecord.h"
 #include "logonmon/EventFields.h"
+#include "logonmon/ProcessorTexts.h"
 #include "logonmon/Providers.h"
 #include "trace/TextForms.h"
 
@@ -23,8 +25,6 @@ constexpr size_t kHeldBackMaxCount = 1000;
 constexpr wchar_t kLocalSystemSid[] = L"S-1-5-18";
 
 constexpr wchar_t kShellStarted[] = L"WL_NotifyExecute_StartShell_Stop";
-constexpr wchar_t kShellInitialized[] = L"Explorer_Initialized_Stop";
-constexpr wchar_t kAgentAttached[] = L"TX_ATTACHED";
 constexpr const wchar_t* kSessionEndingPoints[] = {
     L"WL_NotifyExecute_Logoff_Start",
     L"WL_NotifyExecute_EndShell_Start",
@@ -93,13 +93,14 @@ void LogonProcessor::AsyncEstablishSessionContext(const std::shared_ptr<EventRec
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     std::shared_ptr<SESSION_CONTEXT> context = FindSessionContext(*record);
     LinkToSession(*record, context);
+    std::exception_ptr replayFailure;
 
     if (IsProfileServiceEvent(*record)) {
         const uint32_t threadId = record->threadId;
         if (context) {
             if (context->profileThreadId != threadId) {
                 context->profileThreadId = threadId;
-                ReplayHeldBack(
+                replayFailure = ReplayHeldBack(
                     heldBackByThread_,
                     [threadId](const EventRecordData& held) { return held.threadId == threadId; },
                     context, continuation);
@@ -119,7 +120,7 @@ void LogonProcessor::AsyncEstablishSessionContext(const std::shared_ptr<EventRec
         if (context) {
             if (IsZeroGuid(context->policyActivityId)) {
                 context->policyActivityId = activityId;
-                ReplayHeldBack(
+                replayFailure = ReplayHeldBack(
                     heldBackByActivity_,
                     [&activityId](const EventRecordData& held) {
                         return GuidEquals(held.activityId, activityId);
@@ -138,6 +139,9 @@ void LogonProcessor::AsyncEstablishSessionContext(const std::shared_ptr<EventRec
         }
     }
     continuation(record);
+    if (replayFailure) {
+        std::rethrow_exception(replayFailure);
+    }
 }
 
 std::shared_ptr<SESSION_CONTEXT> LogonProcessor::FindSessionContext(
@@ -187,21 +191,30 @@ void LogonProcessor::HoldBack(HeldBackEvents& heldBack,
     }
 }
 
-void LogonProcessor::ReplayHeldBack(HeldBackEvents& heldBack,
-                                    const std::function<bool(const EventRecordData&)>& claimed,
-                                    const std::shared_ptr<SESSION_CONTEXT>& context,
-                                    const EventContinuation& continuation) {
+std::exception_ptr LogonProcessor::ReplayHeldBack(
+    HeldBackEvents& heldBack, const std::function<bool(const EventRecordData&)>& claimed,
+    const std::shared_ptr<SESSION_CONTEXT>& context, const EventContinuation& continuation) {
     const auto firstClaimed = std::stable_partition(
         heldBack.begin(), heldBack.end(),
         [&claimed](const std::shared_ptr<EventRecordData>& held) { return !claimed(*held); });
     const std::vector<std::shared_ptr<EventRecordData>> replay(
         std::make_move_iterator(firstClaimed), std::make_move_iterator(heldBack.end()));
     heldBack.erase(firstClaimed, heldBack.end());
+    // One failing event must not cost the others theirs: the first failure is
+    // reported once the whole batch and the claiming event are handled.
+    std::exception_ptr firstFailure;
     for (const auto& held : replay) {
         LinkToSession(*held, context);
         ScopedCurrentRecord current(held.get());
-        continuation(held);
+        try {
+            continuation(held);
+        } catch (...) {
+            if (!firstFailure) {
+                firstFailure = std::current_exception();
+            }
+        }
     }
+    return firstFailure;
 }
 
 void LogonProcessor::ProcessEvent(const std::shared_ptr<EventRecordData>& record) {
@@ -345,10 +358,11 @@ void LogonProcessor::ProcessSessionState(SESSION_CONTEXT& context, uint64_t now,
     if (ending) {
         LogFormatted(kLevelInfo, kFunction, "Session is ending...");
     }
-    const bool attached = HasPoint(context, kAgentAttached);
-    const bool complete = config_.waitForAttach ? attached && (context.applicationSession ||
-                                                               HasPoint(context, kShellInitialized))
-                                                : HasPoint(context, kShellInitialized);
+    const bool attached = HasPoint(context, texts::kAgentAttachedPoint);
+    const bool complete = config_.waitForAttach
+                              ? attached && (context.applicationSession ||
+                                             HasPoint(context, texts::kShellInitializedPoint))
+                              : HasPoint(context, texts::kShellInitializedPoint);
     context.logonComplete = complete;
 
     if (!complete && !ending && !forced) {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -105,10 +106,12 @@ class LogonProcessor {
     std::shared_ptr<SESSION_CONTEXT> NewestSession(
         uint64_t timestamp, const std::function<bool(const SESSION_CONTEXT&)>& matches) const;
     void HoldBack(HeldBackEvents& heldBack, const std::shared_ptr<EventRecordData>& record);
-    void ReplayHeldBack(HeldBackEvents& heldBack,
-                        const std::function<bool(const EventRecordData&)>& claimed,
-                        const std::shared_ptr<SESSION_CONTEXT>& context,
-                        const EventContinuation& continuation);
+    // Hands every held-back event that `claimed` selects to `continuation`,
+    // in order; returns the first exception one of them threw.
+    std::exception_ptr ReplayHeldBack(HeldBackEvents& heldBack,
+                                      const std::function<bool(const EventRecordData&)>& claimed,
+                                      const std::shared_ptr<SESSION_CONTEXT>& context,
+                                      const EventContinuation& continuation);
 
     // Winlogon.
     void RouteWinlogon(EventRecordData& record);

@@ -12,6 +12,8 @@ namespace {
 
 constexpr float kTicksPerSecond = 10'000'000.0f;
 
+constexpr wchar_t kTotalScriptTime[] = L"Total Group Policy Logon Script Time";
+
 // The file name of an image path; process start events carry the full path.
 std::wstring ImageFileName(const std::wstring& image) {
     const size_t separator = image.find_last_of(L'\\');
@@ -129,7 +131,7 @@ void LogonProcessor::Process_Exited(EventRecordData& record) {
         KeepEarliest(context.timingPoints, L"GP_PS_LOGON_SCRIPT_START", *created);
         KeepLatest(context.timingPoints, L"GP_PS_LOGON_SCRIPT_STOP", *exited);
         AddSeconds(context, L"Group Policy PS Logon Script Time", seconds);
-        AddSeconds(context, L"Total Group Policy Logon Script Time", seconds);
+        AddSeconds(context, kTotalScriptTime, seconds);
         LogFormatted(kLevelVerbose, kFunction,
                      "Powershell Script Process Terminated: Name: %ws, Process Id: %ws, Parent Id: "
                      "%d, Timestamp: %ws, SessionID: %d",
@@ -141,7 +143,7 @@ void LogonProcessor::Process_Exited(EventRecordData& record) {
         KeepEarliest(context.timingPoints, L"GP_LOGON_SCRIPT_START", *created);
         KeepLatest(context.timingPoints, L"GP_LOGON_SCRIPT_STOP", *exited);
         AddSeconds(context, L"Group Policy Logon Script Time", seconds);
-        AddSeconds(context, L"Total Group Policy Logon Script Time", seconds);
+        AddSeconds(context, kTotalScriptTime, seconds);
         // This line's name is narrow ("%s").
         LogFormatted(kLevelVerbose, kFunction,
                      "Logon Script Process Terminated: Name: %s, Process Id: %d, Parent Id: %d, "

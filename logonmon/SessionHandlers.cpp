@@ -36,7 +36,7 @@ void LogonProcessor::Explorer_Initialized(EventRecordData& record) {
                      EventSessionId(record));
         return;
     }
-    record.sessionContext->timingPoints[L"Explorer_Initialized_Stop"] = record.timestamp;
+    record.sessionContext->timingPoints[texts::kShellInitializedPoint] = record.timestamp;
     LogFormatted(kLevelInfo, kFunction, "Shell Initialized");
 }
 
@@ -48,7 +48,7 @@ void LogonProcessor::Tessera_SessionAttached(EventRecordData& record) {
         return;
     }
     SESSION_CONTEXT& context = *record.sessionContext;
-    context.timingPoints[L"TX_ATTACHED"] = record.timestamp;
+    context.timingPoints[texts::kAgentAttachedPoint] = record.timestamp;
     LogFormatted(kLevelInfo, kFunction, "Tessera Session Attached");
     if (record.userData.size() != kAttachPayloadSize) {
         LogFormatted(kLevelError, kFunction, "Tessera_SessionAttached event bad payload length");
