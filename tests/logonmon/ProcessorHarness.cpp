@@ -71,20 +71,41 @@ TestEvent ShellInitialized(uint32_t session, uint64_t time) {
     return event;
 }
 
-class ManualTimerService::Timer : public logonmon::PeriodicTimer {
-  public:
-    Timer(ManualTimerService& service, std::function<void()> tick)
-        : service_(service), tick_(std::move(tick)) {}
-    ~Timer() override {
-        if (service_.running_ == this) {
-            service_.running_ = nullptr;
+std::vector<uint8_t> AgentPayload(size_t size, uint32_t session,
+                                  const std::vector<std::pair<size_t, std::wstring>>& fields) {
+    std::vector<uint8_t> payload(size, 0);
+    for (size_t i = 0; i < 4 && i < size; ++i) {
+        payload[i] = static_cast<uint8_t>(session >> (8 * i));
+    }
+    for (const auto& [offset, text] : fields) {
+        for (size_t i = 0; i < text.size() && offset + 2 * i + 1 < size; ++i) {
+            payload[offset + 2 * i] = static_cast<uint8_t>(text[i]);
+            payload[offset + 2 * i + 1] = static_cast<uint8_t>(text[i] >> 8);
         }
     }
-    void Fire() { tick_(); }
+    return payload;
+}
 
-  private:
-    ManualTimerService& service_;
-    std::function<void()> tick_;
+TestEvent Attach(const std::wstring& type, uint64_t time, size_t size, uint32_t session) {
+    TestEvent event;
+    event.provider = kRemoteAgentGuid;
+    event.id = 11;
+    event.session = 2;
+    event.time = time;
+    event.payload = AgentPayload(size, session, {{4, type}});
+    return event;
+}
+
+struct ManualTimerService::Timer : logonmon::PeriodicTimer {
+    Timer(ManualTimerService& service, std::function<void()> tick)
+        : service(service), tick(std::move(tick)) {}
+    ~Timer() override {
+        if (service.running_ == this) {
+            service.running_ = nullptr;
+        }
+    }
+    ManualTimerService& service;
+    const std::function<void()> tick;
 };
 
 std::unique_ptr<logonmon::PeriodicTimer> ManualTimerService::StartPeriodic(
@@ -97,7 +118,7 @@ std::unique_ptr<logonmon::PeriodicTimer> ManualTimerService::StartPeriodic(
 
 void ManualTimerService::Fire() {
     if (running_ != nullptr) {
-        running_->Fire();
+        running_->tick();
     }
 }
 
@@ -146,13 +167,8 @@ void RecordingProcessor::LogFormatted(uint32_t level, const wchar_t* function, c
 
 void RecordingProcessor::Feed(const TestEvent& event) {
     EventBuilder builder;
-    builder.Provider(event.provider)
-        .EventId(event.id)
-        .Opcode(event.opcode)
-        .Level(4)
-        .ProcessId(0x2a0)
-        .ThreadId(event.thread)
-        .Timestamp(event.time);
+    builder.Provider(event.provider).EventId(event.id).Opcode(event.opcode).Level(4);
+    builder.ProcessId(0x2a0).ThreadId(event.thread).Timestamp(event.time);
     if (event.session) {
         builder.SessionId(*event.session);
     }

@@ -2,7 +2,6 @@
 // operating-system services, and a compact description of test events.
 #pragma once
 
-#include <cstdarg>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -70,6 +69,12 @@ TestEvent SubscriberEvent(uint16_t id, uint8_t opcode, Notification notification
 TestEvent CreateSession(uint32_t session, const std::wstring& sid, uint64_t time);
 TestEvent Login(uint32_t session, const std::wstring& sid, uint64_t time);
 TestEvent ShellInitialized(uint32_t session, uint64_t time);
+// A payload of `size` bytes: the session id, then UTF-16 text fields at their
+// offsets, each cut at the payload's end.
+std::vector<uint8_t> AgentPayload(size_t size, uint32_t session,
+                                  const std::vector<std::pair<size_t, std::wstring>>& fields);
+// The remote agent's attach event (header session 2) with the session type.
+TestEvent Attach(const std::wstring& type, uint64_t time, size_t size = 132, uint32_t session = 2);
 
 struct LogLine {
     uint32_t level;
@@ -79,17 +84,18 @@ struct LogLine {
     int64_t session;
 };
 
+// Fires only when told.
 class ManualTimerService : public logonmon::TimerService {
   public:
     std::unique_ptr<logonmon::PeriodicTimer> StartPeriodic(uint32_t periodMs,
                                                            std::function<void()> tick) override;
     bool Running() const { return running_ != nullptr; }
-    // Runs the tick of the running timer, if any.
+    // Runs the running timer's tick, if any.
     void Fire();
     std::vector<uint32_t> periods;
 
   private:
-    class Timer;
+    struct Timer;
     Timer* running_ = nullptr;
 };
 

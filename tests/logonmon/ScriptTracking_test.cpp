@@ -17,43 +17,54 @@ constexpr wchar_t kScriptHost[] = L"\\Device\\HarddiskVolume3\\Windows\\System32
 constexpr wchar_t kPowerShell[] =
     L"\\Device\\HarddiskVolume3\\Windows\\System32\\WindowsPowerShell\\v1.0\\powershell.exe";
 
-TestEvent ProcessStart(uint32_t session, uint32_t processId, uint32_t parentId,
-                       const std::wstring& image) {
+TestEvent Process(uint16_t id, uint32_t session, std::vector<PropertyDefinition> properties) {
     TestEvent event;
     event.provider = kKernelProcessGuid;
-    event.id = 1;
+    event.id = id;
     event.session = session;
     event.time = kMorning + 30 * kSecond;
-    event.properties = {UInt32Property(L"ProcessID", processId),
-                        UInt32Property(L"ParentProcessID", parentId),
-                        StringProperty(L"ImageName", image)};
+    event.properties = std::move(properties);
     return event;
+}
+
+TestEvent ProcessStart(uint32_t session, uint32_t processId, uint32_t parentId,
+                       const std::wstring& image) {
+    return Process(
+        1, session,
+        {UInt32Property(L"ProcessID", processId), UInt32Property(L"ParentProcessID", parentId),
+         StringProperty(L"ImageName", image)});
 }
 
 TestEvent ProcessExit(uint32_t session, uint32_t processId, const std::wstring& created,
                       const std::wstring& exited) {
-    TestEvent event;
-    event.provider = kKernelProcessGuid;
-    event.id = 2;
-    event.session = session;
-    event.time = kMorning + 40 * kSecond;
-    event.properties = {
-        UInt32Property(L"ProcessID", processId), StringProperty(L"ImageName", L"gpscript.exe"),
-        StringProperty(L"CreateTime", created), StringProperty(L"ExitTime", exited)};
-    return event;
+    return Process(
+        2, session,
+        {UInt32Property(L"ProcessID", processId), StringProperty(L"ImageName", L"gpscript.exe"),
+         StringProperty(L"CreateTime", created), StringProperty(L"ExitTime", exited)});
 }
 
 uint64_t At(uint32_t second, uint32_t millisecond = 0) {
     return kMorning + second * kSecond + millisecond * 10'000ull;
 }
 
+// Hosts 100 and 400 run scripts, host 200 a PowerShell script. Not timed: a
+// host started before its session existed (900), one of a session nobody
+// follows (700), and whatever is no tracked host (500, 600).
 TEST_F(ScriptTrackingTest, ScriptHostsAddTheirRunTimes) {
     auto& processor = Processor();
+    processor.Feed(ProcessStart(2, 900, 50, kScriptHost));
+    processor.Feed(ProcessStart(7, 700, 50, kScriptHost));
     processor.Feed(CreateSession(2, kAliceSid, kMorning));
     processor.Feed(ProcessStart(2, 100, 50, kScriptHost));
     processor.Feed(ProcessStart(2, 200, 50, kScriptHost));
     processor.Feed(ProcessStart(2, 300, 200, kPowerShell));
+    processor.Feed(ProcessStart(2, 600, 999, kPowerShell));
+    processor.Feed(ProcessStart(2, 500, 50, L"C:\\Windows\\notepad.exe"));
     processor.Feed(ProcessStart(2, 400, 50, L"GPSCRIPT.EXE"));
+    for (const uint32_t untimed : {900, 700, 500, 600}) {
+        processor.Feed(ProcessExit(untimed == 700 ? 7 : 2, untimed, L"2024-03-01T08:00:01:000Z",
+                                   L"2024-03-01T08:00:30:000Z"));
+    }
     processor.Feed(ProcessExit(2, 100, L"2024-03-01T08:00:10:000Z", L"2024-03-01T08:00:12:500Z"));
     processor.Feed(ProcessExit(2, 200, L"2024-03-01T08:00:11:000Z", L"2024-03-01T08:00:15:250Z"));
     processor.Feed(ProcessExit(2, 400, L"2024-03-01T08:00:05:000Z", L"2024-03-01T08:00:06:000Z"));
@@ -113,25 +124,6 @@ TEST_F(ScriptTrackingTest, ExitTimesAreReadStrictly) {
         EXPECT_THAT(session->scriptHosts, IsEmpty());
         EXPECT_EQ(processor.lines.size(), 2u);
     }
-}
-
-TEST_F(ScriptTrackingTest, OnlyTrackedHostsOfKnownSessionsCount) {
-    auto& processor = Processor();
-    // Started before its session existed, and in a session nobody follows.
-    processor.Feed(ProcessStart(2, 100, 50, kScriptHost));
-    processor.Feed(ProcessStart(7, 700, 50, kScriptHost));
-    processor.Feed(CreateSession(2, kAliceSid, kMorning));
-    processor.Feed(ProcessStart(2, 300, 999, kPowerShell));
-    processor.Feed(ProcessStart(2, 500, 50, L"C:\\Windows\\notepad.exe"));
-    processor.Feed(ProcessExit(2, 100, L"2024-03-01T08:00:10:000Z", L"2024-03-01T08:00:12:000Z"));
-    processor.Feed(ProcessExit(2, 500, L"2024-03-01T08:00:10:000Z", L"2024-03-01T08:00:12:000Z"));
-    processor.Feed(ProcessExit(7, 700, L"2024-03-01T08:00:10:000Z", L"2024-03-01T08:00:12:000Z"));
-
-    const auto session = processor.Session(2);
-    ASSERT_TRUE(session);
-    EXPECT_THAT(session->scriptHosts, IsEmpty());
-    EXPECT_THAT(session->namedDurations, IsEmpty());
-    EXPECT_THAT(processor.Texts(), ElementsAre("Session Initialized Successfully: sessionId=2"));
 }
 
 }  // namespace
