@@ -14,6 +14,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -70,13 +71,27 @@ int FormatLine(char* buffer, size_t size, const char* format, ...) {
     return length;
 }
 
+class CriticalSection {
+  public:
+    CriticalSection() { InitializeCriticalSection(&section_); }
+    ~CriticalSection() { DeleteCriticalSection(&section_); }
+    CriticalSection(const CriticalSection&) = delete;
+    CriticalSection& operator=(const CriticalSection&) = delete;
+
+    void Enter() { EnterCriticalSection(&section_); }
+    void Leave() { LeaveCriticalSection(&section_); }
+
+  private:
+    CRITICAL_SECTION section_;
+};
+
 // The plainest writer of lines of the same shape: format the whole line,
 // write it, flush it; with several threads, one lock around each line.
-void WriteBare(FILE* file, CRITICAL_SECTION* lock, int thread, int lines) {
+void WriteBare(FILE* file, CriticalSection* lock, int thread, int lines) {
     std::vector<char> buffer(0x10000);
     for (int i = 0; i < lines; ++i) {
         if (lock != nullptr) {
-            EnterCriticalSection(lock);
+            lock->Enter();
         }
         SYSTEMTIME now;
         GetLocalTime(&now);
@@ -94,7 +109,7 @@ void WriteBare(FILE* file, CRITICAL_SECTION* lock, int thread, int lines) {
         fwrite(buffer.data(), 1, static_cast<size_t>(length), file);
         fflush(file);
         if (lock != nullptr) {
-            LeaveCriticalSection(lock);
+            lock->Leave();
         }
     }
 }
@@ -102,25 +117,23 @@ void WriteBare(FILE* file, CRITICAL_SECTION* lock, int thread, int lines) {
 // Seconds for kLines lines through the bare loop from `threads` threads.
 double TimeBareLoop(const std::wstring& folder, int threads) {
     const std::wstring path = folder + L"bare.txt";
-    FILE* file = _wfopen(path.c_str(), L"a+");
-    if (file == nullptr) {
+    std::unique_ptr<FILE, decltype(&fclose)> file(_wfopen(path.c_str(), L"a+"), &fclose);
+    if (!file) {
         fprintf(stderr, "cannot open %ls\n", path.c_str());
         exit(1);
     }
-    CRITICAL_SECTION lock;
-    InitializeCriticalSection(&lock);
+    CriticalSection lock;
     const Clock::time_point start = Clock::now();
     std::vector<std::thread> writers;
     for (int thread = 0; thread < threads; ++thread) {
-        writers.emplace_back(WriteBare, file, threads > 1 ? &lock : nullptr, thread,
+        writers.emplace_back(WriteBare, file.get(), threads > 1 ? &lock : nullptr, thread,
                              kLines / threads);
     }
     for (std::thread& writer : writers) {
         writer.join();
     }
     const double seconds = Seconds(Clock::now() - start);
-    DeleteCriticalSection(&lock);
-    fclose(file);
+    file.reset();
     DeleteFileW(path.c_str());
     return seconds;
 }

@@ -226,7 +226,13 @@ LogLockGuard::~LogLockGuard() {
 void LogMessage(FILE** target, uint32_t level, const wchar_t* function, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    LogMessageV(target, level, function, format, args);
+    // A failed roll throws out of the write; the list is ended either way.
+    try {
+        LogMessageV(target, level, function, format, args);
+    } catch (...) {
+        va_end(args);
+        throw;
+    }
     va_end(args);
 }
 
