@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
@@ -15,12 +16,11 @@
 #include "trace/EventRecordData.h"
 
 using namespace plmx::testing;
-using logonmon::EventRecordData;
 
 namespace {
 
 constexpr int kThreads = 8;
-constexpr int kLinesPerThread = 20000;
+constexpr char kSource[] = "[Concurrency::Writer] ";
 const std::string kPadding(40, '.');
 
 std::string Message(char label, int thread, int index) {
@@ -36,72 +36,69 @@ void WriteLines(char label, int thread, int count) {
     }
 }
 
-// Each writer's line numbers, in file order, from the lines of writers
-// labelled `label`; every line must be whole. Opening lines of the main log
-// and folder echoes are skipped.
-std::vector<std::vector<int>> Collect(const std::vector<std::wstring>& paths, char label,
-                                      int writers) {
+void Join(std::vector<std::thread>& threads) {
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+// Checks that every line of `paths` (opening lines and folder echoes aside)
+// is one whole line of a writer labelled `label`, and that each writer's
+// lines run on by one up to its last, `count` - 1; all `count` of them when
+// `complete`.
+void ExpectWholeOrderedLines(const std::vector<std::wstring>& paths, char label, int writers,
+                             int count, bool complete) {
     std::vector<std::vector<int>> numbers(writers);
     for (const std::wstring& path : paths) {
         for (const std::string& text : ReadLines(path)) {
-            const auto line = ParseLogLine(text);
-            if (line && (line->source == "OpenMainLog" || line->source == "RecurseCreateFolder")) {
+            if (text.find("[OpenMainLog] ") != std::string::npos ||
+                text.find("[RecurseCreateFolder] ") != std::string::npos) {
                 continue;
             }
+            const size_t source = text.find(kSource);
+            const std::string message =
+                source == std::string::npos ? "" : text.substr(source + strlen(kSource));
+            char seen = 0;
             int thread = -1;
             int index = -1;
-            const bool whole =
-                line && sscanf(line->message.c_str(), "%*c%d L%d", &thread, &index) == 2 &&
-                thread >= 0 && thread < writers && line->message == Message(label, thread, index);
-            if (!whole) {
-                ADD_FAILURE() << "not a whole line of " << label << ": " << text;
-                continue;
-            }
+            const bool whole = text.rfind(kSource) == source &&
+                               sscanf(message.c_str(), "%c%d L%d", &seen, &thread, &index) == 3 &&
+                               seen == label && thread >= 0 && thread < writers &&
+                               message == Message(label, thread, index);
+            ASSERT_TRUE(whole) << "not a whole line of " << label << ": " << text;
             numbers[thread].push_back(index);
         }
     }
-    return numbers;
-}
-
-// Each writer's surviving lines run on by one up to its last line.
-void ExpectInOrderSuffixes(const std::vector<std::vector<int>>& numbers, int lastIndex) {
     for (const std::vector<int>& sequence : numbers) {
-        for (size_t i = 0; i < sequence.size(); ++i) {
-            ASSERT_EQ(sequence[i], lastIndex - static_cast<int>(sequence.size() - 1 - i));
+        if (complete) {
+            ASSERT_EQ(sequence.size(), static_cast<size_t>(count));
         }
-    }
-}
-
-void RunWriters(std::vector<std::thread>& writers) {
-    for (int thread = 0; thread < kThreads; ++thread) {
-        writers.emplace_back(WriteLines, 'T', thread, kLinesPerThread);
-    }
-    for (std::thread& writer : writers) {
-        writer.join();
+        for (size_t i = 0; i < sequence.size(); ++i) {
+            ASSERT_EQ(sequence[i], count - static_cast<int>(sequence.size() - i));
+        }
     }
 }
 
 // About 18 MB in all: a limit of 12 MB rolls once and keeps every line; one
 // of 200 KB rolls often and keeps only the newest lines.
 TEST(LogConcurrencyTest, RollsKeepLinesWholeInOrderAndCompleteAtTheEnd) {
+    constexpr int kLinesPerThread = 20000;
     for (const uint32_t limit : {12000000u, 200000u}) {
         SCOPED_TRACE(limit);
         TempFolder folder;
         ScopedMainLog mainLog(folder.Path(), limit);
         std::vector<std::thread> writers;
-        RunWriters(writers);
-
-        const auto numbers = Collect({mainLog.BackupPath(), mainLog.Path()}, 'T', kThreads);
-        ExpectInOrderSuffixes(numbers, kLinesPerThread - 1);
-        if (limit > 1000000) {
-            for (const std::vector<int>& sequence : numbers) {
-                EXPECT_EQ(sequence.size(), static_cast<size_t>(kLinesPerThread));
-            }
+        for (int thread = 0; thread < kThreads; ++thread) {
+            writers.emplace_back(WriteLines, 'T', thread, kLinesPerThread);
         }
-        // Each roll came right after the line that crossed the limit.
-        const std::string backup = ReadFileBytes(mainLog.BackupPath());
-        EXPECT_GT(backup.size(), limit);
-        EXPECT_LE(backup.size() - ReadLines(mainLog.BackupPath()).back().size() - 2, limit);
+        Join(writers);
+
+        ExpectWholeOrderedLines({mainLog.BackupPath(), mainLog.Path()}, 'T', kThreads,
+                                kLinesPerThread, limit > 1000000);
+        // The last roll came right after the line that crossed the limit.
+        const size_t backupSize = ReadFileBytes(mainLog.BackupPath()).size();
+        EXPECT_GT(backupSize, limit);
+        EXPECT_LE(backupSize - ReadLines(mainLog.BackupPath()).back().size() - 2, limit);
         EXPECT_LE(ReadFileBytes(mainLog.Path()).size(), limit);
     }
 }
@@ -113,21 +110,21 @@ TEST(LogConcurrencyTest, SessionLogsReceiveExactlyTheirSessionsLines) {
     TempFolder folder;
     ScopedMainLog mainLog(folder.Path());
 
-    // Two sessions with two event threads each, beside plain writers.
-    std::vector<std::shared_ptr<logonmon::SESSION_CONTEXT>> sessions;
+    // Two sessions with two event threads each ('A' and 'B'), beside plain
+    // writers ('T').
     std::vector<std::wstring> paths;
-    std::vector<std::unique_ptr<EventRecordData>> records;
+    std::vector<std::unique_ptr<logonmon::EventRecordData>> records;
     for (uint32_t s = 0; s < 2; ++s) {
-        sessions.push_back(std::make_shared<logonmon::SESSION_CONTEXT>());
-        sessions[s]->sessionId = s + 1;
-        const std::shared_ptr<SessionLog> sessionLog = SessionLogOf(*sessions[s]);
+        const auto session = std::make_shared<logonmon::SESSION_CONTEXT>();
+        session->sessionId = s + 1;
+        const std::shared_ptr<SessionLog> sessionLog = SessionLogOf(*session);
         paths.push_back(folder.Path() + sessionLog->logId + L".txt");
         ASSERT_TRUE(OpenLog(paths[s], *sessionLog));
         for (int t = 0; t < 2; ++t) {
             EventBuilder builder;
             builder.EventId(1).Level(4);
-            records.push_back(std::make_unique<EventRecordData>(builder.Record()));
-            records.back()->sessionContext = sessions[s];
+            records.push_back(std::make_unique<logonmon::EventRecordData>(builder.Record()));
+            logonmon::LinkToSession(*records.back(), session);
         }
     }
     std::vector<std::thread> writers;
@@ -140,23 +137,14 @@ TEST(LogConcurrencyTest, SessionLogsReceiveExactlyTheirSessionsLines) {
     for (int thread = 0; thread < kThreads; ++thread) {
         writers.emplace_back(WriteLines, 'T', thread, kLines);
     }
-    for (std::thread& writer : writers) {
-        writer.join();
-    }
-    for (const auto& session : sessions) {
-        CloseSessionLog(*session->sessionLog);
+    Join(writers);
+    for (const auto& record : records) {
+        CloseSessionLog(*record->sessionContext->sessionLog);
     }
 
-    const std::pair<std::vector<std::wstring>, char> logs[] = {
-        {{paths[0]}, 'A'}, {{paths[1]}, 'B'}, {{mainLog.Path()}, 'T'}};
-    for (const auto& [files, label] : logs) {
-        SCOPED_TRACE(label);
-        const auto numbers = Collect(files, label, label == 'T' ? kThreads : 2);
-        ExpectInOrderSuffixes(numbers, kLines - 1);
-        for (const std::vector<int>& sequence : numbers) {
-            EXPECT_EQ(sequence.size(), static_cast<size_t>(kLines));
-        }
-    }
+    ExpectWholeOrderedLines({paths[0]}, 'A', 2, kLines, true);
+    ExpectWholeOrderedLines({paths[1]}, 'B', 2, kLines, true);
+    ExpectWholeOrderedLines({mainLog.Path()}, 'T', kThreads, kLines, true);
 }
 
 }  // namespace

@@ -71,8 +71,12 @@ StdoutCapture::~StdoutCapture() {
 }
 
 std::string StdoutCapture::Text() const {
+    return ReadFileBytes(Path());
+}
+
+std::wstring StdoutCapture::Path() const {
     fflush(stdout);
-    return ReadFileBytes(folder_.Path() + L"stdout");
+    return folder_.Path() + L"stdout";
 }
 
 std::string ReadFileBytes(const std::wstring& path) {
@@ -83,14 +87,13 @@ std::string ReadFileBytes(const std::wstring& path) {
 }
 
 std::vector<std::string> ReadLines(const std::wstring& path) {
-    const std::string bytes = ReadFileBytes(path);
+    std::istringstream bytes(ReadFileBytes(path));
     std::vector<std::string> lines;
-    for (size_t start = 0, end; start < bytes.size(); start = end + 2) {
-        end = bytes.find("\r\n", start);
-        if (end == std::string::npos) {
-            end = bytes.size();
+    for (std::string line; std::getline(bytes, line);) {
+        if (!line.empty() && line.back() == '\r') {
+            line.pop_back();
         }
-        lines.push_back(bytes.substr(start, end - start));
+        lines.push_back(line);
     }
     return lines;
 }
@@ -118,13 +121,14 @@ std::optional<LogLine> ParseLogLine(const std::string& line) {
                    line.substr(source, sourceEnd - source), line.substr(sourceEnd + 2)};
 }
 
-std::vector<std::string> Messages(const std::vector<std::string>& lines) {
-    std::vector<std::string> messages;
+std::vector<std::string> Tagged(const std::vector<std::string>& lines) {
+    std::vector<std::string> tagged;
     for (const std::string& line : lines) {
         const std::optional<LogLine> parsed = ParseLogLine(line);
-        messages.push_back(parsed ? parsed->message : "<unparsed> " + line);
+        tagged.push_back(parsed ? parsed->level + " [" + parsed->source + "] " + parsed->message
+                                : "<unparsed> " + line);
     }
-    return messages;
+    return tagged;
 }
 
 std::string Narrow(const std::wstring& text) {

@@ -50,6 +50,8 @@ class StdoutCapture {
     StdoutCapture& operator=(const StdoutCapture&) = delete;
 
     std::string Text() const;
+    // The file standard output goes to.
+    std::wstring Path() const;
 
   private:
     TempFolder folder_;
@@ -57,7 +59,7 @@ class StdoutCapture {
 };
 
 std::string ReadFileBytes(const std::wstring& path);
-// The file's lines without their "\r\n".
+// The file's lines without their line ends.
 std::vector<std::string> ReadLines(const std::wstring& path);
 
 struct LogLine {
@@ -68,8 +70,8 @@ struct LogLine {
 };
 // Either prefix; nothing when the line has neither.
 std::optional<LogLine> ParseLogLine(const std::string& line);
-// The messages of the lines, in order.
-std::vector<std::string> Messages(const std::vector<std::string>& lines);
+// "<level> [<source>] <message>" of each line.
+std::vector<std::string> Tagged(const std::vector<std::string>& lines);
 
 std::string Narrow(const std::wstring& text);
 
