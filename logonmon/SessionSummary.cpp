@@ -4,6 +4,7 @@
 #include <variant>
 
 #include "logonmon/LogonProcessor.h"
+#include "logonmon/ProcessorTexts.h"
 #include "logonmon/SessionTimeline.h"
 
 namespace logonmon {
@@ -22,18 +23,13 @@ constexpr FixedDuration kFixedDurations[] = {
      L"PROFILE_HIVE_LOADED"},
     {"Logon Start To User Classes Hive Loaded Time", L"WL_NotifyExecute_Login_Start",
      L"PROFILE_CLASSES_HIVE_LOADED"},
-    {"Shell Load Time", L"WL_NotifyExecute_StartShell_Start", L"Explorer_Initialized_Stop"},
+    {"Shell Load Time", L"WL_NotifyExecute_StartShell_Start", texts::kShellInitializedPoint},
     // Nothing this processor handles sets the folder redirection points; the
     // row shows once a source of them is routed.
     {"Windows Folder Redirection Apply Time", L"WFR_APPLY_START", L"WFR_APPLY_STOP"},
 };
 // The profile rows, then the shell and folder redirection rows.
 constexpr size_t kProfileRows = 3;
-
-uint64_t PointValue(const TimingPoints& points, const wchar_t* name) {
-    const auto found = points.find(name);
-    return found == points.end() ? 0 : found->second;
-}
 
 std::wstring SummaryHeader(const SESSION_CONTEXT& session) {
     return L"****************** Session Summary (User=" + session.userName + L", sessionId=" +

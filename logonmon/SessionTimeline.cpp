@@ -6,6 +6,7 @@
 #include <optional>
 #include <string_view>
 
+#include "logonmon/ProcessorTexts.h"
 #include "trace/PropertyValueText.h"
 #include "trace/TextForms.h"
 
@@ -19,7 +20,6 @@ constexpr size_t kLabelWidth = 20;
 constexpr std::wstring_view kSubscriberPrefix = L"WL_CallSubscriber_";
 constexpr std::wstring_view kStart = L"Start";
 constexpr std::wstring_view kStop = L"Stop";
-constexpr wchar_t kAgentAttached[] = L"TX_ATTACHED";
 
 struct NotificationPoints {
     std::wstring name;
@@ -40,11 +40,6 @@ const std::vector<NotificationPoints>& Notifications() {
         return all;
     }();
     return notifications;
-}
-
-uint64_t PointValue(const TimingPoints& points, const std::wstring& name) {
-    const auto found = points.find(name);
-    return found == points.end() ? 0 : found->second;
 }
 
 // The first candidate that is present with a non-zero value, else 0.
@@ -157,6 +152,11 @@ void AppendLine(std::wstring& text, const std::wstring& label, bool nested,
 
 }  // namespace
 
+uint64_t PointValue(const TimingPoints& points, const std::wstring& name) {
+    const auto found = points.find(name);
+    return found == points.end() ? 0 : found->second;
+}
+
 float DurationSeconds(uint64_t start, uint64_t stop) {
     return static_cast<float>(stop - start) / kTicksPerSecond;
 }
@@ -184,16 +184,16 @@ SessionTimeline BuildSessionTimeline(const TimingPoints& points) {
     timeline.folderRedirection = PhaseFrom(points, {L"WFR_APPLY_START"}, {L"WFR_APPLY_STOP"});
     timeline.shellInitialization =
         PhaseFrom(points, {L"WL_USERINIT_STOP", L"WL_NotifyExecute_StartShell_Stop"},
-                  {L"Explorer_Initialized_Stop"});
+                  {texts::kShellInitializedPoint});
     timeline.wholeLogon =
         PhaseFrom(points, {L"WL_NotifyExecute_Login_Start"},
-                  {L"Explorer_Initialized_Stop", L"WL_NotifyExecute_StartShell_Stop"});
+                  {texts::kShellInitializedPoint, L"WL_NotifyExecute_StartShell_Stop"});
     // A remote logon is complete only once the agent attached the session:
     // when the attach comes after the shell, the user waited for it too. An
     // application session has no shell, and its attach ends the logon.
     if (timeline.wholeLogon.start != 0) {
         timeline.wholeLogon.stop =
-            std::max(timeline.wholeLogon.stop, PointValue(points, kAgentAttached));
+            std::max(timeline.wholeLogon.stop, PointValue(points, texts::kAgentAttachedPoint));
     }
     return timeline;
 }

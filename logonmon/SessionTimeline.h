@@ -12,6 +12,9 @@
 
 namespace logonmon {
 
+// The value of the timing point `name`, 0 when the session has none.
+uint64_t PointValue(const TimingPoints& points, const std::wstring& name);
+
 // Seconds from `start` to `stop` (100 ns units), worked out in single
 // precision on the unsigned difference: a stop before its start gives a huge
 // value rather than a negative one.
