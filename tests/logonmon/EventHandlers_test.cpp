@@ -40,7 +40,7 @@ TestEvent Agent(uint16_t id, std::vector<uint8_t> payload) {
 
 constexpr uint64_t kAttachTime = kMorning + 10 * kSecond;
 
-TEST_F(EventHandlersTest, ProfileServiceRecordsHivesSyncAndLocalPath) {
+TEST_F(EventHandlersTest, ProfileServiceAndSessionManagerFillTheRecord) {
     auto& processor = Processor();
     processor.Feed(CreateSession(2, kAliceSid, kMorning));
     const std::vector<TestEvent> events = {
@@ -55,6 +55,9 @@ TEST_F(EventHandlersTest, ProfileServiceRecordsHivesSyncAndLocalPath) {
         ProfileService(5, {StringProperty(L"File", L"C:\\Users\\alice\\ntuser.dat")}),
         ProfileService(5, {StringProperty(L"File", L"C:\\Users\\alice\\UsrClass.dat")}),
         ProfileService(5, {StringProperty(L"File", L"C:\\Users\\alice\\USRCLASS.DAT")}),
+        Event(kSessionManagerGuid, 21, 0,
+              {StringProperty(L"User", L"CORP\\alice"), StringProperty(L"SessionID", L"2"),
+               StringProperty(L"Address", L"10.1.2.3")}),
     };
     for (size_t i = 0; i < events.size(); ++i) {
         TestEvent event = events[i];
@@ -66,6 +69,8 @@ TEST_F(EventHandlersTest, ProfileServiceRecordsHivesSyncAndLocalPath) {
     EXPECT_EQ(session->profileSyncSource, L"\\\\fs\\p\\alice");
     EXPECT_EQ(session->profileSyncTarget, L"C:\\Users\\alice");
     EXPECT_EQ(session->localProfilePath, L"C:\\Users\\alice");
+    EXPECT_EQ(session->clientUser, L"CORP\\alice");
+    EXPECT_EQ(session->clientAddress, L"10.1.2.3");
     const uint64_t t = kMorning + 10 * kSecond;
     EXPECT_EQ(session->timingPoints,
               (logonmon::TimingPoints{{L"PROFILE_CLASSES_HIVE_LOADED", t + 7},
@@ -189,17 +194,6 @@ TEST_F(EventHandlersTest, MachinePolicyTimeGoesToEveryOpenSession) {
     for (const auto& session : sessions) {
         EXPECT_EQ(session.namedDurations, (Durations{{L"Machine Policy Time", 3}}));
     }
-}
-
-TEST_F(EventHandlersTest, SessionManagerNamesTheClient) {
-    auto& processor = Processor();
-    processor.Feed(CreateSession(2, kAliceSid, kMorning));
-    processor.Feed(
-        Event(kSessionManagerGuid, 21, 0,
-              {StringProperty(L"User", L"CORP\\alice"), StringProperty(L"SessionID", L"2"),
-               StringProperty(L"Address", L"10.1.2.3")}));
-    EXPECT_EQ(processor.Session(2)->clientUser, L"CORP\\alice");
-    EXPECT_EQ(processor.Session(2)->clientAddress, L"10.1.2.3");
 }
 
 TEST_F(EventHandlersTest, AgentAttachMarksApplicationSessions) {

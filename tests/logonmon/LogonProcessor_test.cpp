@@ -75,6 +75,21 @@ TEST_F(LogonProcessorTest, FollowsALogonFromCreateSessionToShellInitialized) {
     processor.Feed(Login(2, kAliceSid, kMorning + kSecond));
     processor.Feed(SubscriberEvent(811, 1, kLogin, L"Profiles", 2, kMorning + 2 * kSecond));
     processor.Feed(SubscriberEvent(812, 2, kLogin, L"Profiles", 2, kMorning + 5 * kSecond));
+    // A subscriber event without its name, an opcode known only by name, the
+    // user initialisation, and a notification event without "Event".
+    TestEvent unnamed = SubscriberEvent(811, 1, kLogin, L"", 2, kMorning + 6 * kSecond);
+    unnamed.properties.pop_back();
+    processor.Feed(unnamed);
+    TestEvent info = SubscriberEvent(811, 0, kLogin, L"Sens", 2, kMorning + 7 * kSecond);
+    info.opcodeName = L" Info ";
+    processor.Feed(info);
+    TestEvent userinit = Tagged(kWinlogonGuid, L"", kMorning + 8 * kSecond);
+    userinit.id = 10;
+    userinit.session = 2;
+    processor.Feed(userinit);
+    TestEvent noNotification = NotifyStart(kLogin, 2, kMorning + 9 * kSecond);
+    noNotification.properties.clear();
+    processor.Feed(noNotification);
     processor.Feed(NotifyStart(kStartShell, 2, kMorning + 10 * kSecond));
     processor.Feed(NotifyStop(kStartShell, 2, kMorning + 11 * kSecond));
     ASSERT_THAT(processor.endedSessions, IsEmpty());
@@ -97,12 +112,15 @@ TEST_F(LogonProcessorTest, FollowsALogonFromCreateSessionToShellInitialized) {
     EXPECT_EQ(processor.endedSessions[0].profileFinished, 0xFFFFFFFFu);
     EXPECT_EQ(processor.endedSessions[0].timingPoints,
               (TimingPoints{{L"Explorer_Initialized_Stop", kMorning + 15 * kSecond},
+                            {L"WL_CallSubscriber_Login_Start", kMorning + 6 * kSecond},
                             {L"WL_CallSubscriber_Profiles_Login_Start", kMorning + 2 * kSecond},
                             {L"WL_CallSubscriber_Profiles_Login_Stop", kMorning + 5 * kSecond},
+                            {L"WL_CallSubscriber_Sens_Login_Info", kMorning + 7 * kSecond},
                             {L"WL_NotifyExecute_CreateSession_Start", kMorning},
                             {L"WL_NotifyExecute_Login_Start", kMorning + kSecond},
                             {L"WL_NotifyExecute_StartShell_Start", kMorning + 10 * kSecond},
-                            {L"WL_NotifyExecute_StartShell_Stop", kMorning + 11 * kSecond}}));
+                            {L"WL_NotifyExecute_StartShell_Stop", kMorning + 11 * kSecond},
+                            {L"WL_USERINIT_STOP", kMorning + 8 * kSecond}}));
     EXPECT_THAT(processor.Sessions(), IsEmpty());
 }
 
@@ -299,30 +317,6 @@ TEST_F(LogonProcessorTest, ReusedSessionIdsKeepTheirLogonsApart) {
     EXPECT_EQ(sessions[1].timingPoints,
               (TimingPoints{{L"WL_NotifyExecute_CreateSession_Start", second},
                             {L"WL_NotifyExecute_Login_Stop", second + 9 * kSecond}}));
-}
-
-TEST_F(LogonProcessorTest, WinlogonTimingPointNames) {
-    auto& processor = Processor();
-    processor.Feed(CreateSession(2, kAliceSid, kMorning));
-    TestEvent withoutSubscriber = SubscriberEvent(811, 1, kLogin, L"", 2, kMorning + 1);
-    withoutSubscriber.properties.pop_back();
-    processor.Feed(withoutSubscriber);
-    TestEvent infoOpcode = SubscriberEvent(811, 0, kLogin, L"Sens", 2, kMorning + 2);
-    infoOpcode.opcodeName = L" Info ";
-    processor.Feed(infoOpcode);
-    TestEvent userinit = Tagged(kWinlogonGuid, L"", kMorning + 3);
-    userinit.id = 10;
-    userinit.session = 2;
-    processor.Feed(userinit);
-    TestEvent noNotification = NotifyStart(kLogin, 2, kMorning + 4);
-    noNotification.properties.clear();
-    processor.Feed(noNotification);
-
-    EXPECT_EQ(processor.Session(2)->timingPoints,
-              (TimingPoints{{L"WL_CallSubscriber_Login_Start", kMorning + 1},
-                            {L"WL_CallSubscriber_Sens_Login_Info", kMorning + 2},
-                            {L"WL_NotifyExecute_CreateSession_Start", kMorning},
-                            {L"WL_USERINIT_STOP", kMorning + 3}}));
 }
 
 TEST_F(LogonProcessorTest, ServicesNameTheSessionInAProperty) {
