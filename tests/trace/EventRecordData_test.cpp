@@ -57,44 +57,45 @@ TEST(EventRecordDataTest, CopiesTheHeaderAndTheUserData) {
 }
 
 TEST(EventRecordDataTest, SessionIdAndUserSidFromExtendedData) {
+    using Items = std::vector<std::pair<uint16_t, std::vector<uint8_t>>>;
     const std::vector<uint8_t> sid = SidBytes(L"S-1-5-21-1-2-3");
     std::vector<uint8_t> sidAndPadding = sid;
     sidAndPadding.push_back(0);
     const std::vector<uint8_t> truncatedSid(sid.begin(), sid.end() - 1);
-    struct Case {
+    const std::vector<uint8_t> system = SidBytes(L"S-1-5-18");
+    const struct {
         const char* label;
-        Build build;
+        Items items;
         uint32_t sessionId;
         std::wstring sidText;  // empty: no SID
-    } const cases[] = {
-        {"none", [](EventBuilder&) {}, 0xFFFFFFFF, L""},
+    } cases[] = {
+        {"none", {}, 0xFFFFFFFF, L""},
         {"the last TS_ID wins",
-         [](EventBuilder& b) {
-             b.SessionId(3).ExtendedItem(7, {1, 2, 3, 4}).SessionId(5);
-         },
-         5, L""},
+         {{kExtTypeTsId, UInt32Bytes(3)}, {7, {1, 2, 3, 4}}, {kExtTypeTsId, UInt32Bytes(5)}},
+         5,
+         L""},
         {"a short TS_ID is ignored",
-         [](EventBuilder& b) {
-             b.SessionId(2).ExtendedItem(kExtTypeTsId, {9, 0});
-         },
-         2, L""},
-        {"SID", [](EventBuilder& b) { b.UserSid(L"S-1-5-18"); }, 0xFFFFFFFF, L"S-1-5-18"},
+         {{kExtTypeTsId, UInt32Bytes(2)}, {kExtTypeTsId, {9, 0}}},
+         2,
+         L""},
         {"bytes after the SID are left out",
-         [&](EventBuilder& b) { b.ExtendedItem(kExtTypeSid, sidAndPadding); }, 0xFFFFFFFF,
+         {{kExtTypeSid, sidAndPadding}},
+         0xFFFFFFFF,
          L"S-1-5-21-1-2-3"},
         {"a SID longer than its item, or no SID, is ignored",
-         [&](EventBuilder& b) {
-             b.UserSid(L"S-1-5-18")
-                 .ExtendedItem(kExtTypeSid, truncatedSid)
-                 .ExtendedItem(kExtTypeSid, {2, 0, 0, 0, 0, 0, 0, 5})
-                 .ExtendedItem(kExtTypeSid, {});
-         },
-         0xFFFFFFFF, L"S-1-5-18"},
+         {{kExtTypeSid, system},
+          {kExtTypeSid, truncatedSid},
+          {kExtTypeSid, {2, 0, 0, 0, 0, 0, 0, 5}},
+          {kExtTypeSid, {}}},
+         0xFFFFFFFF,
+         L"S-1-5-18"},
     };
     ScopedFakeTdh tdh;
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         EventBuilder builder;
-        c.build(builder);
+        for (const auto& [type, data] : c.items) {
+            builder.ExtendedItem(type, data);
+        }
         const EventRecordData data(builder.Record());
         EXPECT_EQ(c.sessionId, data.sessionId) << c.label;
         EXPECT_EQ(c.sidText, data.userSid ? data.userSid->ToString() : L"") << c.label;
