@@ -77,13 +77,11 @@ Lines Concat(std::initializer_list<Lines> parts) {
     return all;
 }
 
-// Writes the summary when a logon settles, as the monitor does, and marks
-// where the extended summary goes.
+// Marks where the extended summary goes.
 class SummaryProcessor : public RecordingProcessor {
   public:
     using RecordingProcessor::RecordingProcessor;
 
-    void OnLogonEnd(SESSION_CONTEXT& session) override { LogSummary(session); }
     void LogExtendedSummary(SESSION_CONTEXT& session) override {
         LogFormatted(4, L"Extended", "extended %d", session.sessionId);
     }
@@ -91,22 +89,13 @@ class SummaryProcessor : public RecordingProcessor {
 
 class SessionSummaryTest : public ::testing::Test {
   protected:
-    SummaryProcessor& Processor() {
-        processor_ = std::make_unique<SummaryProcessor>(
-            logonmon::SESSION_CONFIG{}, logonmon::ProcessorServices{&timers_, &clock_, &accounts_});
-        return *processor_;
-    }
-    Lines Summary(SESSION_CONTEXT session) {
-        Processor().LogSummary(session);
-        return SummaryLines();
-    }
-    // The lines from the summary's header on, all at level 4.
-    Lines SummaryLines() const {
+    // The summary's lines, all at level 4, as a fresh processor writes them.
+    Lines Summary(SESSION_CONTEXT& session) {
+        SummaryProcessor processor(logonmon::SESSION_CONFIG{},
+                                   logonmon::ProcessorServices{&timers_, &clock_, &accounts_});
+        processor.LogSummary(session);
         Lines summary;
-        for (const LogLine& line : processor_->lines) {
-            if (summary.empty() && line.function != kSummaryFn) {
-                continue;
-            }
+        for (const LogLine& line : processor.lines) {
             EXPECT_EQ(line.level, 4u) << line.text;
             summary.push_back(line.function == kSummaryFn ? line.text
                               : line.function == kFixedFn ? Fixed(line.text)
@@ -119,87 +108,45 @@ class SessionSummaryTest : public ::testing::Test {
     ManualTimerService timers_;
     FakeClock clock_;
     FakeAccounts accounts_;
-    std::unique_ptr<SummaryProcessor> processor_;
 };
 
-TestEvent Event(const wchar_t* provider, uint16_t id, uint64_t time,
-                std::vector<PropertyDefinition> properties = {}) {
-    TestEvent event;
-    event.provider = provider;
-    event.id = id;
-    event.session = 2;
-    event.time = time;
-    event.properties = std::move(properties);
-    return event;
-}
-
-TestEvent ProfileService(uint16_t id, uint64_t time, std::vector<PropertyDefinition> properties) {
-    TestEvent event = Event(kUserProfilesGuid, id, time, std::move(properties));
-    event.session = 0;
-    event.sid = kAliceSid;
-    event.thread = 0x51c;
-    return event;
-}
-
-TestEvent Cse(uint16_t id, const wchar_t* name, uint64_t time,
-              std::vector<PropertyDefinition> properties) {
-    properties.push_back(StringProperty(L"CSEExtensionName", name));
-    return Event(kGroupPolicyGuid, id, time, std::move(properties));
-}
-
-TEST_F(SessionSummaryTest, SummarisesALogonFedAsEvents) {
-    accounts_.accounts[kAliceSid] = {L"CORP", L"alice"};
-    SummaryProcessor& processor = Processor();
-    const TestEvent events[] = {
-        CreateSession(2, kAliceSid, At(0)),
-        NotifyStop(kCreateSession, 2, At(0, 300)),
-        Login(2, kAliceSid, At(1)),
-        SubscriberEvent(811, 1, kLogin, L"Profiles", 2, At(1, 100)),
-        ProfileService(6, At(1, 500),
-                       {StringProperty(L"Source", L"\\\\fs\\profiles\\alice"),
-                        StringProperty(L"Target", L"C:\\Users\\alice")}),
-        ProfileService(7, At(4, 250), {}),
-        ProfileService(5, At(4, 600), {StringProperty(L"File", L"C:\\Users\\alice\\ntuser.dat")}),
-        ProfileService(5, At(4, 900),
-                       {StringProperty(L"File",
-                                       L"C:\\Users\\alice\\AppData\\Local\\Microsoft\\"
-                                       L"Windows\\UsrClass.dat")}),
-        SubscriberEvent(812, 2, kLogin, L"Profiles", 2, At(5)),
-        SubscriberEvent(811, 1, kLogin, L"GPClient", 2, At(5, 10)),
-        Cse(4016, L"Registry", At(6),
-            {StringProperty(L"DescriptionString", L"Registry"),
-             StringProperty(L"IsExtensionAsyncProcessing", L"false"),
-             StringProperty(L"IsGPOListChanged", L"true")}),
-        Cse(5016, L"Registry", At(7),
-            {StringProperty(L"CSEElaspedTimeInMilliSeconds", L"1200"),
-             UInt32Property(L"ErrorCode", 0)}),
-        Cse(4016, L"Scripts", At(8),
-            {StringProperty(L"DescriptionString", L"Scripts"),
-             StringProperty(L"IsExtensionAsyncProcessing", L"true"),
-             StringProperty(L"IsGPOListChanged", L"false")}),
-        Cse(5016, L"Scripts", At(9),
-            {StringProperty(L"CSEElaspedTimeInMilliSeconds", L"250"),
-             UInt32Property(L"ErrorCode", 0x80070005)}),
-        Event(kGroupPolicyGuid, 8001, At(11),
-              {StringProperty(L"PolicyElaspedTimeInSeconds", L"7")}),
-        SubscriberEvent(812, 2, kLogin, L"GPClient", 2, At(12)),
-        NotifyStop(kLogin, 2, At(12, 500)),
-        NotifyStart(kStartShell, 2, At(13)),
-        NotifyStop(kStartShell, 2, At(14)),
-        Event(kWinlogonGuid, 10, At(15)),  // Userinit finished
+TEST_F(SessionSummaryTest, SummarisesACompleteLogon) {
+    SESSION_CONTEXT session;
+    session.sessionId = 2;
+    session.userName = L"alice";
+    session.timingPoints = {
+        {L"WL_NotifyExecute_CreateSession_Start", At(0)},
+        {L"WL_NotifyExecute_CreateSession_Stop", At(0, 300)},
+        {L"WL_NotifyExecute_Login_Start", At(1)},
+        {L"WL_CallSubscriber_Profiles_Login_Start", At(1, 100)},
+        {L"PROFILE_SYNC_START", At(1, 500)},
+        {L"PROFILE_SYNC_STOP", At(4, 250)},
+        {L"PROFILE_HIVE_LOADED", At(4, 600)},
+        {L"PROFILE_CLASSES_HIVE_LOADED", At(4, 900)},
+        {L"WL_CallSubscriber_Profiles_Login_Stop", At(5)},
+        {L"WL_CallSubscriber_GPClient_Login_Start", At(5, 10)},
+        {L"WL_CallSubscriber_GPClient_Login_Stop", At(12)},
+        {L"WL_NotifyExecute_Login_Stop", At(12, 500)},
+        {L"WL_NotifyExecute_StartShell_Start", At(13)},
+        {L"WL_NotifyExecute_StartShell_Stop", At(14)},
+        {L"WL_USERINIT_STOP", At(15)},
+        {L"Explorer_Initialized_Stop", At(20)},
     };
-    for (const TestEvent& event : events) {
-        processor.Feed(event);
-    }
-    ASSERT_TRUE(SummaryLines().empty());
-    processor.Feed(ShellInitialized(2, At(20)));
+    session.namedDurations = {{L"User Policy Time", int32_t{7}},
+                              {L"Group Policy Logon Script Time", 2.5f}};
+    session.asyncPolicies = 1;
+    session.syncPolicies = 2;
+    session.changedPolicies = 1;
+    session.failedPolicies = 3;
+    session.cseDurations = {{L"Registry", 1200}, {L"Scripts", 250}};
 
     const std::string header = Header(L"alice", 2);
     EXPECT_THAT(
-        SummaryLines(),
+        Summary(session),
         ElementsAreArray(Concat({
             {header, Top("CreateSession", At(0), At(0, 300), "0.30"),
              Top("Login", At(1), At(12, 500), "11.50"),
+             // In the order they ran.
              Nested("Profiles", At(1, 100), At(5), "3.90"),
              Nested("GPClient", At(5, 10), At(12), "6.99"),
              Top("StartShell", At(13), At(14), "1.00"),
@@ -209,8 +156,9 @@ TEST_F(SessionSummaryTest, SummarisesALogonFedAsEvents) {
              Fixed("Profile Sync Time: 2.75 seconds"),
              Fixed("Logon Start To User Hive Loaded Time: 3.60 seconds"),
              Fixed("Logon Start To User Classes Hive Loaded Time: 3.90 seconds"),
-             Fixed("Shell Load Time: 7.00 seconds"), "User Policy Time: 7ms"},
-            PolicyBlock(1, 1, 1, 1, 1450),
+             Fixed("Shell Load Time: 7.00 seconds"), "Group Policy Logon Script Time: 2.50 seconds",
+             "User Policy Time: 7ms"},
+            PolicyBlock(1, 2, 3, 1, 1450),
             {"     CSE: 'Registry' Duration: 1200ms", "     CSE: 'Scripts' Duration: 250ms",
              "[Extended] extended 2", std::string(header.size(), '*')},
         })));
