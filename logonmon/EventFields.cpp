@@ -3,15 +3,10 @@
 #include <cstring>
 #include <vector>
 
-#include "logonmon/Providers.h"
+#include "trace/Providers.h"
 #include "trace/TextForms.h"
 
 namespace logonmon {
-
-bool GuidEquals(const GUID& left, const GUID& right) {
-    return left.Data1 == right.Data1 && left.Data2 == right.Data2 && left.Data3 == right.Data3 &&
-           std::memcmp(left.Data4, right.Data4, sizeof(left.Data4)) == 0;
-}
 
 bool IsZeroGuid(const GUID& guid) {
     return GuidEquals(guid, GUID{});

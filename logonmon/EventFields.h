@@ -12,7 +12,6 @@ namespace logonmon {
 
 inline constexpr uint32_t kNoSessionId = 0xFFFFFFFF;
 
-bool GuidEquals(const GUID& left, const GUID& right);
 bool IsZeroGuid(const GUID& guid);
 
 // The property's text; empty when the event does not have it.

@@ -7,7 +7,7 @@
 #include "logonmon/CurrentRecord.h"
 #include "logonmon/EventFields.h"
 #include "logonmon/ProcessorTexts.h"
-#include "logonmon/Providers.h"
+#include "trace/Providers.h"
 #include "trace/TextForms.h"
 
 namespace logonmon {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 
 #ifdef _WIN32
 #include <windows.h>
@@ -71,3 +72,11 @@ enum OutType : uint16_t {
 };
 
 }  // namespace logonmon::etw
+
+namespace logonmon {
+
+inline bool GuidEquals(const GUID& left, const GUID& right) {
+    return std::memcmp(&left, &right, sizeof(GUID)) == 0;
+}
+
+}  // namespace logonmon

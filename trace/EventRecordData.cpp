@@ -7,15 +7,12 @@
 
 #include "trace/EventSchema.h"
 #include "trace/PropertyValueText.h"
+#include "trace/Providers.h"
 #include "trace/TextForms.h"
 
 namespace logonmon {
 
 namespace {
-
-// Microsoft-Windows-Winlogon
-constexpr GUID kWinlogonProvider = {
-    0xDBE9B383, 0x7CF3, 0x4331, {0x91, 0xCC, 0xA3, 0xCB, 0x16, 0xA3, 0xB5, 0x38}};
 
 constexpr wchar_t kWhiteSpace[] = L" \t\r\n\v\f";
 
@@ -28,10 +25,6 @@ bool SameName(const std::wstring& left, const std::wstring& right) {
     return left.size() == right.size() &&
            std::equal(left.begin(), left.end(), right.begin(),
                       [](wchar_t a, wchar_t b) { return FoldCase(a) == FoldCase(b); });
-}
-
-bool SameGuid(const GUID& left, const GUID& right) {
-    return std::memcmp(&left, &right, sizeof(GUID)) == 0;
 }
 
 std::wstring Trimmed(const std::wstring& text) {
@@ -99,7 +92,7 @@ void DecodeSchema(EventRecordData& data, const EVENT_RECORD& record) {
     // Entries that do not lie inside the returned buffer are not read.
     const uint32_t count = TopLevelPropertiesInBuffer(schema);
     data.propertyNames.assign(count, nullptr);
-    const bool winlogon = SameGuid(data.providerId, kWinlogonProvider);
+    const bool winlogon = GuidEquals(data.providerId, providers::kWinlogon);
     for (uint32_t i = 0; i < count; ++i) {
         const EVENT_PROPERTY_INFO& property = info.EventPropertyInfoArray[i];
         if ((static_cast<uint32_t>(property.Flags) & etw::kPropertyStruct) != 0) {

@@ -1,4 +1,4 @@
-// The trace providers whose events the logon processor routes.
+// The trace providers whose events are collected, decoded and routed.
 #pragma once
 
 #include "trace/EtwTypes.h"
