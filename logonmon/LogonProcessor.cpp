@@ -24,7 +24,6 @@ constexpr size_t kHeldBackMaxCount = 1000;
 
 constexpr wchar_t kLocalSystemSid[] = L"S-1-5-18";
 
-constexpr wchar_t kShellStarted[] = L"WL_NotifyExecute_StartShell_Stop";
 constexpr const wchar_t* kSessionEndingPoints[] = {
     L"WL_NotifyExecute_Logoff_Start",
     L"WL_NotifyExecute_EndShell_Start",
@@ -348,7 +347,7 @@ void LogonProcessor::RunSessionTimeoutCheck(bool forced) {
 void LogonProcessor::ProcessSessionState(SESSION_CONTEXT& context, uint64_t now, bool forced) {
     static constexpr wchar_t kFunction[] = L"logonmon::LogonProcessor::ProcessSessionState";
     std::lock_guard<std::recursive_mutex> lock(mutex_);
-    const auto shellStarted = context.timingPoints.find(kShellStarted);
+    const auto shellStarted = context.timingPoints.find(texts::kShellStartedPoint);
     if (shellStarted == context.timingPoints.end()) {
         return;
     }

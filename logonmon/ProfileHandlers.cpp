@@ -13,9 +13,9 @@ void LogonProcessor::Profiles_HiveLoaded(EventRecordData& record) {
     // The profile service names the files in exactly this case.
     const std::wstring file = PropertyText(record, L"File");
     if (file.find(L"ntuser.dat") != std::wstring::npos) {
-        record.sessionContext->timingPoints[L"PROFILE_HIVE_LOADED"] = record.timestamp;
+        record.sessionContext->timingPoints[texts::kUserHiveLoadedPoint] = record.timestamp;
     } else if (file.find(L"UsrClass.dat") != std::wstring::npos) {
-        record.sessionContext->timingPoints[L"PROFILE_CLASSES_HIVE_LOADED"] = record.timestamp;
+        record.sessionContext->timingPoints[texts::kClassesHiveLoadedPoint] = record.timestamp;
     }
 }
 
@@ -28,7 +28,7 @@ void LogonProcessor::Profiles_SyncStarted(EventRecordData& record) {
     SESSION_CONTEXT& context = *record.sessionContext;
     context.profileSyncSource = PropertyText(record, L"Source");
     context.profileSyncTarget = PropertyText(record, L"Target");
-    context.timingPoints[L"PROFILE_SYNC_START"] = record.timestamp;
+    context.timingPoints[texts::kProfileSyncStartPoint] = record.timestamp;
 }
 
 void LogonProcessor::Profiles_SyncFinished(EventRecordData& record) {
@@ -37,7 +37,7 @@ void LogonProcessor::Profiles_SyncFinished(EventRecordData& record) {
                      texts::kContextNotFoundBySid, SidText(record).c_str());
         return;
     }
-    record.sessionContext->timingPoints[L"PROFILE_SYNC_STOP"] = record.timestamp;
+    record.sessionContext->timingPoints[texts::kProfileSyncStopPoint] = record.timestamp;
 }
 
 void LogonProcessor::Profiles_LoadedInfo(EventRecordData& record) {

@@ -18,15 +18,15 @@ struct FixedDuration {
 };
 
 constexpr FixedDuration kFixedDurations[] = {
-    {"Profile Sync Time", L"PROFILE_SYNC_START", L"PROFILE_SYNC_STOP"},
-    {"Logon Start To User Hive Loaded Time", L"WL_NotifyExecute_Login_Start",
-     L"PROFILE_HIVE_LOADED"},
-    {"Logon Start To User Classes Hive Loaded Time", L"WL_NotifyExecute_Login_Start",
-     L"PROFILE_CLASSES_HIVE_LOADED"},
-    {"Shell Load Time", L"WL_NotifyExecute_StartShell_Start", texts::kShellInitializedPoint},
+    {"Profile Sync Time", texts::kProfileSyncStartPoint, texts::kProfileSyncStopPoint},
+    {"Logon Start To User Hive Loaded Time", texts::kLogonStartPoint, texts::kUserHiveLoadedPoint},
+    {"Logon Start To User Classes Hive Loaded Time", texts::kLogonStartPoint,
+     texts::kClassesHiveLoadedPoint},
+    {"Shell Load Time", texts::kShellStartPoint, texts::kShellInitializedPoint},
     // Nothing this processor handles sets the folder redirection points; the
     // row shows once a source of them is routed.
-    {"Windows Folder Redirection Apply Time", L"WFR_APPLY_START", L"WFR_APPLY_STOP"},
+    {"Windows Folder Redirection Apply Time", texts::kFolderRedirectionStartPoint,
+     texts::kFolderRedirectionStopPoint},
 };
 // The profile rows, then the shell and folder redirection rows.
 constexpr size_t kProfileRows = 3;

@@ -177,17 +177,18 @@ SessionTimeline BuildSessionTimeline(const TimingPoints& points) {
         }
     }
 
-    timeline.profileSync = PhaseFrom(points, {L"PROFILE_SYNC_START"}, {L"PROFILE_SYNC_STOP"});
+    timeline.profileSync =
+        PhaseFrom(points, {texts::kProfileSyncStartPoint}, {texts::kProfileSyncStopPoint});
     timeline.userHiveLoad =
-        PhaseFrom(points, {L"PROFILE_SYNC_STOP", L"WL_CallSubscriber_Profiles_Login_Start"},
-                  {L"PROFILE_CLASSES_HIVE_LOADED", L"PROFILE_HIVE_LOADED"});
-    timeline.folderRedirection = PhaseFrom(points, {L"WFR_APPLY_START"}, {L"WFR_APPLY_STOP"});
+        PhaseFrom(points, {texts::kProfileSyncStopPoint, texts::kProfilesSubscriberStartPoint},
+                  {texts::kClassesHiveLoadedPoint, texts::kUserHiveLoadedPoint});
+    timeline.folderRedirection = PhaseFrom(points, {texts::kFolderRedirectionStartPoint},
+                                           {texts::kFolderRedirectionStopPoint});
     timeline.shellInitialization =
-        PhaseFrom(points, {L"WL_USERINIT_STOP", L"WL_NotifyExecute_StartShell_Stop"},
+        PhaseFrom(points, {texts::kUserinitStopPoint, texts::kShellStartedPoint},
                   {texts::kShellInitializedPoint});
-    timeline.wholeLogon =
-        PhaseFrom(points, {L"WL_NotifyExecute_Login_Start"},
-                  {texts::kShellInitializedPoint, L"WL_NotifyExecute_StartShell_Stop"});
+    timeline.wholeLogon = PhaseFrom(points, {texts::kLogonStartPoint},
+                                    {texts::kShellInitializedPoint, texts::kShellStartedPoint});
     // A remote logon is complete only once the agent attached the session:
     // when the attach comes after the shell, the user waited for it too. An
     // application session has no shell, and its attach ends the logon.

@@ -21,7 +21,7 @@ void LogonProcessor::RouteWinlogon(EventRecordData& record) {
     const uint16_t id = record.eventId;
     if (id == kUserinitStop) {
         if (record.sessionContext) {
-            record.sessionContext->timingPoints[L"WL_USERINIT_STOP"] = record.timestamp;
+            record.sessionContext->timingPoints[texts::kUserinitStopPoint] = record.timestamp;
         }
         return;
     }
