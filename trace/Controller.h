@@ -33,6 +33,9 @@ class Controller {
     static Controller Timing();
     // "logonmon_diag_trace_rt", real time, no providers yet.
     static Controller Diagnostic();
+    // The diagnostic session in file mode writing to `path`, with the timing,
+    // diagnostic and process providers merged in: what a trace file records.
+    static Controller DiagnosticFile(const std::wstring& path);
 
     // Makes this the file session "logonmon_diag_trace_file": real-time mode
     // off, and `path` as the log file unless it is empty.

@@ -79,6 +79,15 @@ Controller Controller::Diagnostic() {
     return Controller(kDiagnosticSessionName, {});
 }
 
+Controller Controller::DiagnosticFile(const std::wstring& path) {
+    Controller session = Diagnostic();
+    session.SwitchToFile(path);
+    session.AddTimingProviders();
+    session.AddDiagnosticProviders();
+    session.AddProcessProviders();
+    return session;
+}
+
 void Controller::SwitchToFile(const std::wstring& path) {
     sessionName_ = kFileSessionName;
     logFileMode_ &= ~static_cast<uint32_t>(EVENT_TRACE_REAL_TIME_MODE);

@@ -14,16 +14,6 @@ constexpr wchar_t kStopFunction[] = L"StopFileTrace";
 constexpr wchar_t kFileSessionGuid[] = L"{75CE81CB-823D-4EEF-9B6B-9CB47276A6AF}";
 constexpr char kDeleteFailed[] = "logonmon::AutoLogger::Delete failed, ret = %d";
 
-// The diagnostic session in file mode with every provider list merged in.
-Controller FileSession(const std::wstring& path) {
-    Controller session = Controller::Diagnostic();
-    session.SwitchToFile(path);
-    session.AddTimingProviders();
-    session.AddDiagnosticProviders();
-    session.AddProcessProviders();
-    return session;
-}
-
 // Removes the boot entry just saved unless disarmed, also when starting
 // throws: an entry whose session did not start now would not start at boot
 // either.
@@ -54,7 +44,7 @@ class BootEntryRollBack {
 }  // namespace
 
 ULONG StartFileTrace(const std::wstring& path, bool persistent) {
-    Controller session = FileSession(path);
+    Controller session = Controller::DiagnosticFile(path);
     BootEntryRollBack rollBack(session.SessionName());
     if (persistent) {
         session.SetSessionGuid(kFileSessionGuid);
@@ -80,7 +70,7 @@ ULONG StartFileTrace(const std::wstring& path, bool persistent) {
 }
 
 ULONG StopFileTrace(bool persistent) {
-    const Controller session = FileSession(std::wstring());
+    const Controller session = Controller::DiagnosticFile(std::wstring());
     if (persistent) {
         const LSTATUS deleted = AutoLogger::Delete(session.SessionName());
         if (deleted != ERROR_SUCCESS) {

@@ -49,11 +49,7 @@ std::pair<Values, DWORD> ReadKey(const std::wstring& path) {
 }
 
 Controller FileSession(const std::wstring& path) {
-    Controller session = Controller::Diagnostic();
-    session.SwitchToFile(path);
-    session.AddTimingProviders();
-    session.AddDiagnosticProviders();
-    session.AddProcessProviders();
+    Controller session = Controller::DiagnosticFile(path);
     session.SetSessionGuid(kSessionGuid);
     return session;
 }

@@ -44,15 +44,6 @@ const std::map<size_t, std::vector<uint8_t>> kEventIdFilters{
     {22, {1, 0, 2, 0, 0x01, 0x00, 0x02, 0x00}},  // 1, 2
 };
 
-Controller FileSession(const std::wstring& path) {
-    Controller session = Controller::Diagnostic();
-    session.SwitchToFile(path);
-    session.AddTimingProviders();
-    session.AddDiagnosticProviders();
-    session.AddProcessProviders();
-    return session;
-}
-
 TraceProvider Provider(uint32_t enableProperty, uint32_t level, std::vector<uint16_t> ids) {
     return {{1, 0, 0, {}}, enableProperty, level, std::move(ids)};
 }
@@ -118,8 +109,9 @@ TEST(ControllerTest, StartAndStopPassTheBlockAndStartEnablesEveryProviderInOrder
     } cases[] = {
         {Controller::Timing(), L"logonmon_timing", L"", 0x100, 7},
         {Controller::Diagnostic(), L"logonmon_diag_trace_rt", L"", 0x100, 0},
-        {FileSession(L"C:\\t\\boot.etl"), L"logonmon_diag_trace_file", L"C:\\t\\boot.etl", 0, 23},
-        {FileSession(longestPath), L"logonmon_diag_trace_file", longestPath, 0, 23},
+        {Controller::DiagnosticFile(L"C:\\t\\boot.etl"), L"logonmon_diag_trace_file",
+         L"C:\\t\\boot.etl", 0, 23},
+        {Controller::DiagnosticFile(longestPath), L"logonmon_diag_trace_file", longestPath, 0, 23},
     };
     for (const auto& c : cases) {
         RecordingEtwControl etw;
@@ -155,7 +147,7 @@ TEST(ControllerTest, RefusesWhatCannotBePassedWithoutCallingTheSystem) {
     EXPECT_EQ(Controller().Start(), 87u);
     EXPECT_EQ(Controller().Stop(), 87u);
     EXPECT_EQ(Controller::Timing().EnableProviders(0), 87u);
-    const Controller tooLong = FileSession(L"C:\\" + std::wstring(1021, L'p'));
+    const Controller tooLong = Controller::DiagnosticFile(L"C:\\" + std::wstring(1021, L'p'));
     for (auto operation : {&Controller::Start, &Controller::Stop}) {
         try {
             (tooLong.*operation)();
