@@ -152,7 +152,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 value = input.Bytes(input.Byte() % 40);
             }
             builder.Property(PropertyDefinition{property.name, property.inType, property.outType,
-                                          std::move(value), property.isStruct});
+                                                std::move(value), property.isStruct});
         }
         if ((options & kDamageSchema) != 0) {
             for (size_t i = input.Byte() % 16; i > 0; --i) {

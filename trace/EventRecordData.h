@@ -26,7 +26,7 @@ struct PropertyNameLess {
 using PropertyMap = std::map<std::wstring, std::wstring, PropertyNameLess>;
 
 class EventRecordData {
-public:
+  public:
     // Never fails on a missing schema; throws std::runtime_error
     // ("GetValue failed", "GetValueAlloc failed") when a property's value
     // cannot be read.

@@ -10,7 +10,7 @@
 namespace logonmon {
 
 class TdhApi {
-public:
+  public:
     virtual ~TdhApi() = default;
     // TdhGetEventInformation without TDH context: *bufferSize in/out.
     virtual uint32_t GetEventInformation(const EVENT_RECORD& event, TRACE_EVENT_INFO* buffer,
@@ -34,13 +34,13 @@ TdhApi& CurrentTdh();
 // Installs `tdh` for the lifetime of the object (tests), restoring the
 // previous binding afterwards. Install before event threads start.
 class ScopedTdhBinding {
-public:
+  public:
     explicit ScopedTdhBinding(TdhApi& tdh);
     ~ScopedTdhBinding();
     ScopedTdhBinding(const ScopedTdhBinding&) = delete;
     ScopedTdhBinding& operator=(const ScopedTdhBinding&) = delete;
 
-private:
+  private:
     TdhApi* previous_;
 };
 
