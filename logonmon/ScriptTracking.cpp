@@ -74,6 +74,22 @@ void AddSeconds(SESSION_CONTEXT& context, const wchar_t* name, float seconds) {
     std::get<float>(context.namedDurations.try_emplace(name, 0.0f).first->second) += seconds;
 }
 
+// Where one kind of script run is recorded: its earliest start, its latest
+// stop and its own duration, beside the total of all script runs.
+struct ScriptRunNames {
+    const wchar_t* startPoint;
+    const wchar_t* stopPoint;
+    const wchar_t* duration;
+};
+
+void RecordScriptRun(SESSION_CONTEXT& context, const ScriptRunNames& names, uint64_t created,
+                     uint64_t exited, float seconds) {
+    KeepEarliest(context.timingPoints, names.startPoint, created);
+    KeepLatest(context.timingPoints, names.stopPoint, exited);
+    AddSeconds(context, names.duration, seconds);
+    AddSeconds(context, kTotalScriptTime, seconds);
+}
+
 }  // namespace
 
 void LogonProcessor::Process_Started(EventRecordData& record) {
@@ -128,10 +144,10 @@ void LogonProcessor::Process_Exited(EventRecordData& record) {
 
     const float seconds = static_cast<float>(*exited - *created) / kTicksPerSecond;
     if (host.powerShell) {
-        KeepEarliest(context.timingPoints, L"GP_PS_LOGON_SCRIPT_START", *created);
-        KeepLatest(context.timingPoints, L"GP_PS_LOGON_SCRIPT_STOP", *exited);
-        AddSeconds(context, L"Group Policy PS Logon Script Time", seconds);
-        AddSeconds(context, kTotalScriptTime, seconds);
+        RecordScriptRun(context,
+                        {L"GP_PS_LOGON_SCRIPT_START", L"GP_PS_LOGON_SCRIPT_STOP",
+                         L"Group Policy PS Logon Script Time"},
+                        *created, *exited, seconds);
         LogFormatted(kLevelVerbose, kFunction,
                      "Powershell Script Process Terminated: Name: %ws, Process Id: %ws, Parent Id: "
                      "%d, Timestamp: %ws, SessionID: %d",
@@ -140,10 +156,10 @@ void LogonProcessor::Process_Exited(EventRecordData& record) {
         LogFormatted(kLevelVerbose, kFunction, "Group Policy Powershell Script Time: %.2f Seconds",
                      seconds);
     } else {
-        KeepEarliest(context.timingPoints, L"GP_LOGON_SCRIPT_START", *created);
-        KeepLatest(context.timingPoints, L"GP_LOGON_SCRIPT_STOP", *exited);
-        AddSeconds(context, L"Group Policy Logon Script Time", seconds);
-        AddSeconds(context, kTotalScriptTime, seconds);
+        RecordScriptRun(
+            context,
+            {L"GP_LOGON_SCRIPT_START", L"GP_LOGON_SCRIPT_STOP", L"Group Policy Logon Script Time"},
+            *created, *exited, seconds);
         // This line's name is narrow ("%s").
         LogFormatted(kLevelVerbose, kFunction,
                      "Logon Script Process Terminated: Name: %s, Process Id: %d, Parent Id: %d, "
