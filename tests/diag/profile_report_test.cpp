@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -19,14 +21,8 @@ namespace {
 
 // A file of `size` bytes, sparse on the host's file system.
 void MakeFile(const std::wstring& path, uint64_t size) {
-    const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
-                                    FILE_ATTRIBUTE_NORMAL, nullptr);
-    ASSERT_NE(file, INVALID_HANDLE_VALUE);
-    LARGE_INTEGER end;
-    end.QuadPart = static_cast<LONGLONG>(size);
-    SetFilePointerEx(file, end, nullptr, FILE_BEGIN);
-    SetEndOfFile(file);
-    CloseHandle(file);
+    std::ofstream{std::filesystem::path(path)};
+    std::filesystem::resize_file(path, size);
 }
 
 // Records that the report impersonated with the token and reverted.

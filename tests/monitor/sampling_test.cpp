@@ -15,70 +15,65 @@
 #include "tests/support/LogFiles.h"
 
 using namespace plmx::testing;
-using Lines = std::vector<std::string>;
 
 namespace {
 
 // Idle, kernel, user, available MB, committed, non-paged and paged bytes.
 using Values = std::array<LONGLONG, 7>;
 
-const PDH_STATUS kNoData = static_cast<PDH_STATUS>(PDH_NO_DATA);
-const PDH_STATUS kNoCounter = static_cast<PDH_STATUS>(PDH_CSTATUS_NO_COUNTER);
+const PDH_STATUS kFailure = static_cast<PDH_STATUS>(PDH_NO_DATA);
 
-// Scripted readings; a counter's handle is its index plus one.
+// Scripted readings; counter handles are 1 to 7. `failing` names the one
+// call that fails: "open", "add3", "first" (reading) or "read5".
 class FakePdh : public PdhApi {
   public:
     PDH_STATUS OpenQuery(PDH_HQUERY* query) override {
-        *query = openStatus == 0 ? this : nullptr;
-        return openStatus;
+        *query = this;
+        return Status("open");
     }
     PDH_STATUS AddCounter(PDH_HQUERY, const char*, PDH_HCOUNTER* counter) override {
         *counter = reinterpret_cast<PDH_HCOUNTER>(++added);
-        return added == failingAdd ? kNoCounter : 0;
+        return Status("add" + std::to_string(added));
     }
-    PDH_STATUS CollectQueryData(PDH_HQUERY) override { return firstCollectStatus; }
-    PDH_STATUS CollectQueryDataWithTime(PDH_HQUERY query, LONGLONG* time) override {
-        *time = 1;
-        return query == nullptr || samples.empty() ? kNoData : 0;
+    PDH_STATUS CollectQueryData(PDH_HQUERY) override { return Status("first"); }
+    PDH_STATUS CollectQueryDataWithTime(PDH_HQUERY query, LONGLONG*) override {
+        return query == nullptr ? PDH_INVALID_HANDLE : 0;
     }
     PDH_STATUS GetFormattedCounterValue(PDH_HCOUNTER counter, DWORD format,
                                         PDH_FMT_COUNTERVALUE* value) override {
-        const size_t index = reinterpret_cast<size_t>(counter) - 1;
-        if (counter == nullptr || index == failingRead || format != PDH_FMT_LARGE) {
+        const size_t index = reinterpret_cast<size_t>(counter);
+        if (index == 0 || format != PDH_FMT_LARGE) {
             return PDH_INVALID_HANDLE;
         }
-        value->largeValue = samples.front()[index];
-        if (index == 6) {
-            samples.erase(samples.begin());
-        }
-        return 0;
+        value->largeValue = samples.at(tick)[index - 1];
+        return Status("read" + std::to_string(index));
     }
-    PDH_STATUS RemoveCounter(PDH_HCOUNTER) override {
-        ++removed;
-        return 0;
-    }
-    PDH_STATUS CloseQuery(PDH_HQUERY) override {
-        ++closed;
+    PDH_STATUS RemoveCounter(PDH_HCOUNTER) override { return Release(); }
+    PDH_STATUS CloseQuery(PDH_HQUERY) override { return Release(); }
+
+    PDH_STATUS Status(const std::string& call) const { return call == failing ? kFailure : 0; }
+    PDH_STATUS Release() {
+        ++released;
         return 0;
     }
 
-    PDH_STATUS openStatus = 0;
-    size_t failingAdd = 0;  // 1 to 7
-    PDH_STATUS firstCollectStatus = 0;
-    size_t failingRead = 99;
+    std::string failing;
     std::vector<Values> samples;
-    size_t added = 0, removed = 0, closed = 0;
+    size_t tick = 0;
+    size_t added = 0;
+    int released = 0;
 };
 
-// Samples every scripted reading into `log` as the monitor's timer would,
-// then writes the blocks and the free-space line with `flags` set.
-Lines SampleAndReport(FakePdh& pdh, SessionLog& log, uint32_t flags) {
+// Samples each scripted reading into `log` as the monitor's timer does, then
+// writes the blocks and the free-space line with `flags` on; returns the
+// lines of the sampling and the blocks.
+std::string SampleAndReport(FakePdh& pdh, SessionLog& log, uint32_t flags) {
     Settings::Instance().Flags = FLAG_ENABLE_CPU_MEMORY_TIMINGS;
     {
         PerfCounters counters(pdh);
         counters.Initialize();
-        PerfSample sample;
-        for (size_t tick = pdh.samples.size(); tick > 0; --tick) {
+        for (pdh.tick = 0; pdh.tick < pdh.samples.size(); ++pdh.tick) {
+            PerfSample sample;
             if (counters.Collect(sample) == 0) {
                 AccumulateSample(log, sample);
             }
@@ -89,9 +84,12 @@ Lines SampleAndReport(FakePdh& pdh, SessionLog& log, uint32_t flags) {
     LogCPUUsage(log);
     LogMemUsage(log);
     LogFreeDiskSpace(log);
-    Lines lines = LinesFrom(MainLogPath(), "PerfCounters");
-    const Lines blocks = LinesFrom(MainLogPath(), "LogonMonitor");
-    lines.insert(lines.end(), blocks.begin(), blocks.end());
+    std::string lines;
+    for (const char* source : {"PerfCounters", "LogonMonitor"}) {
+        for (const std::string& line : LinesFrom(MainLogPath(), source)) {
+            lines += line + "\n";
+        }
+    }
     return lines;
 }
 
@@ -105,80 +103,66 @@ TEST(SamplingTest, ThreeSamplesGiveMinimumZeroMaximumAndRoundedDownAverage) {
     pdh.samples = {{80, 5, 10, 2000, 100 * MB, 64 * MB, 3},
                    {70, 6, 20, 1000, 200 * MB, 32 * MB, 3},
                    {50, 9, 40, 3000, 300 * MB + 1, 16 * MB, 3}};
-    const Lines expected = {
-        "INFO CPU Usage Metrics", "INFO CPU Samples: 3", "INFO Min User Cpu: 0",
-        "INFO Max User Cpu: 40", "INFO Avg User Cpu: 23", "INFO Min Kernel Cpu: 0",
-        "INFO Max Kernel Cpu: 9", "INFO Avg Kernel Cpu: 6", "INFO Min Idle Cpu: 0",
-        "INFO Max Idle Cpu: 80", "INFO Avg Idle Cpu: 66", "INFO Memory Usage Metrics",
-        "INFO Memory Samples: 3", "INFO Min Available MBs: 0 MBs",
-        "INFO Max Available MBs: 3000 MBs", "INFO Avg Available MBs: 2000 MBs",
-        "INFO Min Committed Bytes: 0 MBs", "INFO Max Committed Bytes: 300 MBs",
-        "INFO Avg Committed Bytes: 200 MBs", "INFO Min Non-Paged Pool: 0 MBs",
-        "INFO Max Non-Paged Pool: 64 MBs", "INFO Avg Non-Paged Pool: 37 MBs",
-        "INFO Min Paged Pool: 0 MBs", "INFO Max Paged Pool: 0 MBs",
-        // The sum is shifted before dividing: 9 bytes are 0 MB.
-        "INFO Avg Paged Pool: 0 MBs"};
-    Lines withFreeSpace = expected;
-    withFreeSpace.push_back("INFO Free Disk Space Available To User: 5 GB");
-    EXPECT_EQ(SampleAndReport(pdh, log, FLAG_ENABLE_CPU_MEMORY_TIMINGS), withFreeSpace);
-    EXPECT_EQ(pdh.removed, 7u);
-    EXPECT_EQ(pdh.closed, 1u);
+    // The paged pool's sum is shifted before dividing: 9 bytes are 0 MB.
+    const std::string blocks = R"(INFO CPU Usage Metrics
+INFO CPU Samples: 3
+INFO Min User Cpu: 0
+INFO Max User Cpu: 40
+INFO Avg User Cpu: 23
+INFO Min Kernel Cpu: 0
+INFO Max Kernel Cpu: 9
+INFO Avg Kernel Cpu: 6
+INFO Min Idle Cpu: 0
+INFO Max Idle Cpu: 80
+INFO Avg Idle Cpu: 66
+INFO Memory Usage Metrics
+INFO Memory Samples: 3
+INFO Min Available MBs: 0 MBs
+INFO Max Available MBs: 3000 MBs
+INFO Avg Available MBs: 2000 MBs
+INFO Min Committed Bytes: 0 MBs
+INFO Max Committed Bytes: 300 MBs
+INFO Avg Committed Bytes: 200 MBs
+INFO Min Non-Paged Pool: 0 MBs
+INFO Max Non-Paged Pool: 64 MBs
+INFO Avg Non-Paged Pool: 37 MBs
+INFO Min Paged Pool: 0 MBs
+INFO Max Paged Pool: 0 MBs
+INFO Avg Paged Pool: 0 MBs
+)";
+    const std::string freeSpace = "INFO Free Disk Space Available To User: 5 GB\n";
+    EXPECT_EQ(SampleAndReport(pdh, log, FLAG_ENABLE_CPU_MEMORY_TIMINGS), blocks + freeSpace);
+    EXPECT_EQ(pdh.released, 8);
 
     // Events from a trace file: the blocks stay, the free space goes.
-    const Lines fromFile =
-        SampleAndReport(pdh, log, FLAG_ENABLE_CPU_MEMORY_TIMINGS | FLAG_TRACE_FILE_MODE);
-    EXPECT_EQ(Lines(fromFile.begin() + withFreeSpace.size(), fromFile.end()), expected);
+    pdh.samples.clear();
+    EXPECT_EQ(SampleAndReport(pdh, log, FLAG_ENABLE_CPU_MEMORY_TIMINGS | FLAG_TRACE_FILE_MODE),
+              blocks + freeSpace + blocks);
 }
 
 TEST(SamplingTest, FailuresLeaveNoFiguresOnlyTheInitializeLines) {
-    const Values reading = {50, 5, 10, 2000, 100 * MB, 64 * MB, 3};
-    struct Case {
-        const char* name;
-        PDH_STATUS openStatus;
-        size_t failingAdd;
-        PDH_STATUS firstCollectStatus;
-        size_t failingRead;
+    const std::string error = " failed, error " + std::to_string(kFailure) + "\n";
+    const struct {
+        const char* failing;
         size_t samples;
-        Lines expected;
+        std::string expected;
     } cases[] = {
-        {"session ends before the first tick", 0, 0, 0, 99, 0, {}},
-        {"query cannot open",
-         kNoData,
-         0,
-         0,
-         99,
-         2,
-         {"ERROR PdhOpenQuery failed, error " + std::to_string(int(kNoData))}},
-        {"third counter missing",
-         0,
-         3,
-         0,
-         99,
-         2,
-         {"ERROR PdhAddCounterA('\\Processor(_Total)\\% User Time') failed, error " +
-          std::to_string(int(kNoCounter))}},
-        {"first reading fails",
-         0,
-         0,
-         kNoData,
-         99,
-         0,
-         {"ERROR PdhCollectQueryData failed, error " + std::to_string(int(kNoData))}},
-        {"a counter cannot be read", 0, 0, 0, 4, 2, {}},
+        {"", 0, ""},  // the session ends before the first tick
+        {"open", 2, "ERROR PdhOpenQuery" + error},
+        {"add3", 2, "ERROR PdhAddCounterA('\\Processor(_Total)\\% User Time')" + error},
+        {"first", 0, "ERROR PdhCollectQueryData" + error},
+        {"read5", 2, ""},
     };
-    for (const Case& test : cases) {
+    for (const auto& test : cases) {
         TempFolder folder;
         ScopedMainLog mainLog(folder.Path());
         SessionLog log;
         FakePdh pdh;
-        pdh.openStatus = test.openStatus;
-        pdh.failingAdd = test.failingAdd;
-        pdh.firstCollectStatus = test.firstCollectStatus;
-        pdh.failingRead = test.failingRead;
-        pdh.samples.assign(test.samples, reading);
+        pdh.failing = test.failing;
+        pdh.samples.assign(test.samples, Values{50, 5, 10, 2000, 100 * MB, 64 * MB, 3});
         EXPECT_EQ(SampleAndReport(pdh, log, FLAG_ENABLE_CPU_MEMORY_TIMINGS | FLAG_TRACE_FILE_MODE),
                   test.expected)
-            << test.name;
+            << test.failing;
     }
 }
 
