@@ -9,8 +9,8 @@ namespace {
 
 constexpr wchar_t kFunction[] = L"UploadLogFile";
 
-// The thread's own token is opened and closed again before impersonating, as
-// the service has always done; nothing depends on what it finds.
+// The thread's own token is looked at, and closed again, before the user's is
+// taken; the upload does not depend on what it finds.
 void LookAtThreadToken() {
     HANDLE token = nullptr;
     if (OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) {

@@ -63,9 +63,10 @@ void WriteFile(const std::wstring& path, const std::string& text) {
     std::ofstream(fs::path(path), std::ios::binary) << text;
 }
 
+// The name the service's own environment gives.
 std::wstring ServiceUser() {
-    wchar_t name[256];
-    ExpandEnvironmentStringsW(L"%USERNAME%", name, 256);
+    std::wstring name;
+    DefaultImpersonation().ExpandEnvironment(nullptr, L"%USERNAME%", &name);
     return name;
 }
 
