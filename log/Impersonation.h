@@ -1,7 +1,10 @@
-// Running code under a logged-on user's identity, on the calling thread.
+// A logged-on user's identity: running code as that user on the calling
+// thread, and the user's environment.
 #pragma once
 
 #include <windows.h>
+
+#include <string>
 
 // The system's impersonation calls; tests replace them with a fake token.
 class Impersonation {
@@ -10,6 +13,10 @@ class Impersonation {
     // Returns false when the thread could not take the token's identity.
     virtual bool Impersonate(HANDLE token) = 0;
     virtual void Revert() = 0;
+    // Expands the environment variables in `text` for the token's user, or
+    // with the service's own environment for a null token; returns the Win32
+    // result. Binds ExpandEnvironmentStringsForUserW unless overridden.
+    virtual DWORD ExpandEnvironment(HANDLE token, const std::wstring& text, std::wstring* expanded);
 };
 
 // Binds ImpersonateLoggedOnUser and RevertToSelf.
