@@ -3,6 +3,7 @@
 #include "diag/ProfileReport.h"
 #include "log/LogWriter.h"
 #include "logonmon/SessionContext.h"
+#include "trace/ResultCode.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ uint32_t GetDiskMetrics(logonmon::SESSION_CONTEXT& session, const std::wstring& 
                         DiskStatistics& statistics, Impersonation& impersonation) {
     const std::shared_ptr<SessionLog> log = SessionLogOf(session);
     if (path.empty()) {
-        return static_cast<uint32_t>(E_INVALIDARG);
+        return ResultFromWin32(ERROR_INVALID_PARAMETER);
     }
     // The space available to the user reflects the user's quota; without the
     // user's identity the query runs as the service.
@@ -30,7 +31,7 @@ uint32_t GetDiskMetrics(logonmon::SESSION_CONTEXT& session, const std::wstring& 
     }
     ULARGE_INTEGER available{}, total{}, free{};
     if (!GetDiskFreeSpaceExW(path.c_str(), &available, &total, &free)) {
-        const uint32_t result = static_cast<uint32_t>(HRESULT_FROM_WIN32(GetLastError()));
+        const uint32_t result = ResultFromWin32(GetLastError());
         LogMessage(nullptr, LOG_LEVEL_ERROR, kFunction, "Failed Retreiving Disk Metrics: %ws, 0x%X",
                    path.c_str(), result);
         return result;

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "log/LogWriter.h"
-#include "trace/UniqueAny.h"
+#include "trace/UniqueHandle.h"
 
 namespace {
 
@@ -14,13 +14,6 @@ constexpr wchar_t kFunction[] = L"LogIpAddresses";
 constexpr ULONG kFirstBufferSize = 15000;
 // The list may grow between the size query and the next call.
 constexpr int kMaxAttempts = 3;
-
-struct LocalTextTraits {
-    using Value = wchar_t*;
-    static Value None() { return nullptr; }
-    static void Close(Value value) { LocalFree(value); }
-};
-using LocalText = UniqueAny<LocalTextTraits>;
 
 std::string DottedDecimal(const SOCKET_ADDRESS& address) {
     if (address.lpSockaddr == nullptr || address.lpSockaddr->sa_family != AF_INET) {
@@ -57,8 +50,8 @@ void LogError(ULONG error) {
     FormatMessageW(
         FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
         nullptr, error, 0, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
-    const LocalText message(text);
-    LogMessage(nullptr, LOG_LEVEL_ERROR, kFunction, "Error: %s", message ? message.Get() : L"");
+    const UniqueLocalMemory message(text);
+    LogMessage(nullptr, LOG_LEVEL_ERROR, kFunction, "Error: %s", text != nullptr ? text : L"");
 }
 
 }  // namespace

@@ -6,19 +6,13 @@
 
 #include "log/LogWriter.h"
 #include "logonmon/SessionContext.h"
-#include "trace/UniqueAny.h"
+#include "trace/ResultCode.h"
+#include "trace/UniqueHandle.h"
 
 namespace {
 
 constexpr wchar_t kReportFunction[] = L"LogProfileSize";
 constexpr wchar_t kWalkFunction[] = L"GetProfileSize";
-
-struct FindTraits {
-    using Value = HANDLE;
-    static Value None() { return INVALID_HANDLE_VALUE; }
-    static void Close(Value value) { FindClose(value); }
-};
-using UniqueFind = UniqueAny<FindTraits>;
 
 // Upper bounds in MB of all buckets but the last.
 constexpr float kBucketBounds[] = {1.0f, 10.0f, 100.0f, 1024.0f, 10240.0f};
@@ -54,7 +48,7 @@ bool IsDotEntry(const wchar_t* name) {
 // open search.
 struct Level {
     std::wstring folder;
-    UniqueFind search;
+    UniqueFindHandle search;
 };
 
 // Starts the search of `folder`, its first entry in `entry`; false (logged)
@@ -62,14 +56,14 @@ struct Level {
 bool Enter(const std::wstring& folder, std::vector<Level>& levels, WIN32_FIND_DATAW& entry) {
     std::wstring withSeparator = WithSeparator(folder);
     const std::wstring pattern = withSeparator + L'*';
-    UniqueFind search(FindFirstFileW(pattern.c_str(), &entry));
-    if (!search) {
+    const HANDLE search = FindFirstFileW(pattern.c_str(), &entry);
+    if (search == INVALID_HANDLE_VALUE) {
         const DWORD error = GetLastError();
         LogMessage(nullptr, LOG_LEVEL_ERROR, kWalkFunction, "FindFirstFile Failed: Path: %ws, 0x%X",
-                   pattern.c_str(), HRESULT_FROM_WIN32(error));
+                   pattern.c_str(), ResultFromWin32(error));
         return false;
     }
-    levels.push_back({std::move(withSeparator), std::move(search)});
+    levels.push_back({std::move(withSeparator), UniqueFindHandle(search)});
     return true;
 }
 
