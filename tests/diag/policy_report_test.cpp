@@ -31,12 +31,11 @@ struct Value {
 
 void Set(const Value& v) {
     const std::wstring key = v.user ? std::wstring(kUser) + L"\\" + v.key : v.key;
-    const std::wstring text = v.text != nullptr ? v.text : L"";
-    ASSERT_EQ(v.text != nullptr ? RegSetKeyValueW(v.user ? HKEY_USERS : HKEY_LOCAL_MACHINE,
-                                                  key.c_str(), v.name, REG_SZ, text.c_str(),
-                                                  DWORD((text.size() + 1) * sizeof(wchar_t)))
-                                : RegSetKeyValueW(v.user ? HKEY_USERS : HKEY_LOCAL_MACHINE,
-                                                  key.c_str(), v.name, REG_DWORD, &v.number, 4),
+    const bool text = v.text != nullptr;
+    ASSERT_EQ(RegSetKeyValueW(v.user ? HKEY_USERS : HKEY_LOCAL_MACHINE, key.c_str(), v.name,
+                              text ? REG_SZ : REG_DWORD,
+                              text ? static_cast<const void*>(v.text) : &v.number,
+                              text ? DWORD((wcslen(v.text) + 1) * sizeof(wchar_t)) : 4),
               ERROR_SUCCESS);
 }
 
