@@ -74,6 +74,12 @@ void LogonProcessor::LogFormatted(uint32_t, const wchar_t*, const char*, ...) {}
 
 void LogonProcessor::OnTimer() {
     RunSessionTimeoutCheck(false);
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    if (activeSessions_.empty() && timer_) {
+        timer_->Cancel();
+        cancelledTimer_ = std::move(timer_);
+        SwitchSampling(false);
+    }
 }
 
 void LogonProcessor::Configure(const SESSION_CONFIG& config) {
@@ -290,9 +296,10 @@ void LogonProcessor::LogEventAsString(EventRecordData& record) {
 }
 
 void LogonProcessor::UpdateTimer() {
-    std::unique_ptr<PeriodicTimer> stopped;
+    std::unique_ptr<PeriodicTimer> stopped[2];
     {
         std::lock_guard<std::recursive_mutex> lock(mutex_);
+        stopped[0] = std::move(cancelledTimer_);
         if (!config_.realTime) {
             return;
         }
@@ -305,32 +312,36 @@ void LogonProcessor::UpdateTimer() {
                         : std::min(config_.sessionTimeoutMs, kLongestTimerPeriodMs);
                 timer_ = services_.timers->StartPeriodic(period, [this] { OnTimer(); });
             }
-            if (!samplingEnabled_) {
-                samplingEnabled_ = true;
-                EnableSampling(true);
-            }
+            SwitchSampling(true);
             return;
         }
-        stopped = std::move(timer_);
+        stopped[1] = std::move(timer_);
     }
-    if (!stopped) {
+    if (!stopped[1]) {
         return;
     }
     // Outside the lock: stopping waits for a tick in progress, which takes it.
-    stopped.reset();
+    stopped[1].reset();
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     // Another event may have started a new timer meanwhile.
-    if (!timer_ && samplingEnabled_) {
-        samplingEnabled_ = false;
-        EnableSampling(false);
+    if (!timer_) {
+        SwitchSampling(false);
+    }
+}
+
+void LogonProcessor::SwitchSampling(bool enable) {
+    if (samplingEnabled_ != enable) {
+        samplingEnabled_ = enable;
+        EnableSampling(enable);
     }
 }
 
 void LogonProcessor::StopTimer() {
-    std::unique_ptr<PeriodicTimer> stopped;
+    std::unique_ptr<PeriodicTimer> stopped[2];
     {
         std::lock_guard<std::recursive_mutex> lock(mutex_);
-        stopped = std::move(timer_);
+        stopped[0] = std::move(timer_);
+        stopped[1] = std::move(cancelledTimer_);
     }
 }
 

@@ -58,7 +58,8 @@ class LogonProcessor {
     // One log line: trace level (2, 4 or 5), the writing function's full
     // name, a printf format with Microsoft conventions ("%ws"), arguments.
     virtual void LogFormatted(uint32_t level, const wchar_t* function, const char* format, ...);
-    // The periodic tick: the timeout check.
+    // The periodic tick: the timeout check; once it leaves no session open,
+    // sampling is switched off and the timer stops.
     virtual void OnTimer();
 
     // Set before events arrive.
@@ -100,6 +101,8 @@ class LogonProcessor {
     void RouteEvent(EventRecordData& record);
     void LogEventAsString(EventRecordData& record);
     void UpdateTimer();
+    // Tells the owner when the answer changes.
+    void SwitchSampling(bool enable);
     void DropSession(const std::shared_ptr<SESSION_CONTEXT>& context);
 
     std::shared_ptr<SESSION_CONTEXT> FindSessionContext(const EventRecordData& record) const;
@@ -151,6 +154,9 @@ class LogonProcessor {
     HeldBackEvents heldBackByThread_;
     HeldBackEvents heldBackByActivity_;
     std::unique_ptr<PeriodicTimer> timer_;
+    // Cancelled by its own tick, which cannot wait for itself; destroyed
+    // later on another thread.
+    std::unique_ptr<PeriodicTimer> cancelledTimer_;
     // What the owner was last told through EnableSampling.
     bool samplingEnabled_ = false;
 };
