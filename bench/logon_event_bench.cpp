@@ -111,6 +111,7 @@ Events Logon(uint32_t session, const std::wstring& sid, uint64_t start, bool com
         events.push_back(std::make_unique<EventBuilder>());
         EventBuilder& event = *events.back();
         event.Provider(provider).EventId(id).Opcode(opcode).Level(4).ProcessId(0x2a0);
+        event.DecodingSource(0);  // from the providers' manifests
         event.ThreadId(0x3c4).Timestamp(time += kSecond / 10);
         return event;
     };

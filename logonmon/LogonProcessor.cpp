@@ -155,18 +155,14 @@ void LogonProcessor::AsyncEstablishSessionContext(const std::shared_ptr<EventRec
 
 std::shared_ptr<SESSION_CONTEXT> LogonProcessor::FindSessionContext(
     const EventRecordData& record) const {
+    static const Sid localSystem = *Sid::FromString(kLocalSystemSid);
     std::shared_ptr<SESSION_CONTEXT> context;
     const uint32_t sessionId = EventSessionId(record);
     if (sessionId != kNoSessionId) {
-        context = NewestSession(record.timestamp, [sessionId](const SESSION_CONTEXT& c) {
-            return c.sessionId == sessionId;
-        });
+        context = sessionIndex_.BySessionId(sessionId, record.timestamp);
     }
-    if (!context && record.userSid && record.userSid->ToString() != kLocalSystemSid) {
-        const Sid& sid = *record.userSid;
-        context = NewestSession(record.timestamp, [&sid](const SESSION_CONTEXT& c) {
-            return c.userSid && *c.userSid == sid;
-        });
+    if (!context && record.userSid && !(*record.userSid == localSystem)) {
+        context = sessionIndex_.BySid(*record.userSid, record.timestamp);
     }
     return context;
 }
@@ -412,12 +408,14 @@ std::shared_ptr<SESSION_CONTEXT> LogonProcessor::InitSession(uint32_t sessionId,
     context->createdAt = logonEvent.timestamp;
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     activeSessions_.push_back(context);
+    sessionIndex_.Add(context);
     return context;
 }
 
 void LogonProcessor::DropSession(const std::shared_ptr<SESSION_CONTEXT>& context) {
     activeSessions_.erase(std::remove(activeSessions_.begin(), activeSessions_.end(), context),
                           activeSessions_.end());
+    sessionIndex_.Remove(*context);
     if (context->lastEvent) {
         LinkToSession(*context->lastEvent, nullptr);
         context->lastEvent.reset();

@@ -13,6 +13,7 @@
 
 #include "logonmon/ProcessorServices.h"
 #include "logonmon/SessionContext.h"
+#include "logonmon/SessionIndex.h"
 #include "trace/EtwTypes.h"
 #include "trace/EventRecordData.h"
 
@@ -149,6 +150,8 @@ class LogonProcessor {
     const ProcessorServices services_;
     // In creation order.
     std::vector<std::shared_ptr<SESSION_CONTEXT>> activeSessions_;
+    // The same sessions, for finding an event's session.
+    SessionIndex sessionIndex_;
     // Profile service events by thread, Group Policy events by activity,
     // waiting for the session that claims them.
     HeldBackEvents heldBackByThread_;

@@ -110,8 +110,8 @@ void LogonProcessor::Winlogon_Login_Started(EventRecordData& record) {
         if (!(context->userSid == record.userSid)) {
             context->userName.clear();
             context->userDomain.clear();
+            sessionIndex_.ChangeSid(context, record.userSid);
         }
-        context->userSid = record.userSid;
         context->userSidText = record.userSid->ToString();
         LogFormatted(kLevelVerbose, kFunction, "SID: %ws. sessionId=%d",
                      context->userSidText.c_str(), context->sessionId);

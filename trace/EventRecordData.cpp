@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "trace/EventSchema.h"
+#include "trace/SchemaCache.h"
 #include "trace/PropertyValueText.h"
 #include "trace/Providers.h"
 #include "trace/TextForms.h"
@@ -73,10 +74,11 @@ std::optional<Sid> UserSid(const EVENT_HEADER_EXTENDED_DATA_ITEM& item) {
 
 void DecodeSchema(EventRecordData& data, const EVENT_RECORD& record) {
     TdhApi& tdh = CurrentTdh();
-    EventSchemaBuffer schema = QueryEventSchema(record, tdh);
-    if (schema.bytes == nullptr) {
+    std::shared_ptr<const EventSchemaBuffer> shared = CachedEventSchema(record, tdh);
+    if (shared == nullptr) {
         return;
     }
+    const EventSchemaBuffer& schema = *shared;
     const TRACE_EVENT_INFO& info = *schema.Info();
     data.decodingSource = static_cast<uint32_t>(info.DecodingSource);
     data.providerName = TextAt(SchemaText(schema, info.ProviderNameOffset));
@@ -114,12 +116,12 @@ void DecodeSchema(EventRecordData& data, const EVENT_RECORD& record) {
                                                          winlogon && SameName(key, L"Event")));
         data.propertyNames[i] = name;
     }
-    data.eventInformation = std::move(schema.bytes);
+    data.schema = std::move(shared);
 }
 
 std::wstring ExpandMessageTemplate(EventRecordData& data) {
     std::wstring text;
-    if (data.eventInformation == nullptr || data.message == nullptr) {
+    if (data.schema == nullptr || data.message == nullptr) {
         return text;
     }
     const std::wstring pattern = TextAt(data.message);
@@ -231,7 +233,7 @@ EventRecordData::EventRecordData(const EVENT_RECORD& record) {
 }
 
 const TRACE_EVENT_INFO* EventRecordData::EventInformation() const {
-    return reinterpret_cast<const TRACE_EVENT_INFO*>(eventInformation.get());
+    return schema ? schema->Info() : nullptr;
 }
 
 std::wstring EventRecordData::EventName() const {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "trace/EtwTypes.h"
+#include "trace/EventSchema.h"
 #include "trace/Sid.h"
 
 namespace logonmon {
@@ -66,7 +67,8 @@ class EventRecordData {
     uint8_t level = 0;
     uint8_t opcode = 0;
     uint32_t sessionId = 0xFFFFFFFF;
-    std::unique_ptr<uint8_t[]> eventInformation;
+    // Shared by the events of one kind.
+    std::shared_ptr<const EventSchemaBuffer> schema;
     uint32_t decodingSource = 0;
     std::wstring providerName;
     std::wstring taskName;
