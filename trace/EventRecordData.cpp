@@ -29,13 +29,11 @@ bool SameName(const std::wstring& left, const std::wstring& right) {
                       [](wchar_t a, wchar_t b) { return FoldCase(a) == FoldCase(b); });
 }
 
-std::wstring Trimmed(const std::wstring& text) {
-    const size_t first = text.find_first_not_of(kWhiteSpace);
-    if (first == std::wstring::npos) {
-        return std::wstring();
-    }
-    const size_t last = text.find_last_not_of(kWhiteSpace);
-    return text.substr(first, last - first + 1);
+// In place: a value that needs no trimming is not copied.
+std::wstring Trimmed(std::wstring text) {
+    text.erase(text.find_last_not_of(kWhiteSpace) + 1);
+    text.erase(0, text.find_first_not_of(kWhiteSpace));
+    return text;
 }
 
 std::wstring TextAt(const WCHAR* text) {
@@ -109,11 +107,13 @@ void DecodeSchema(EventRecordData& data, const EVENT_RECORD& record) {
         if (name == nullptr) {
             continue;  // a property without a name cannot be asked for
         }
-        const std::wstring key = TextAt(name);
+        std::wstring key = TextAt(name);
         const PropertyReader reader(tdh, record, name);
-        data.properties[key] = Trimmed(PropertyValueText(reader, property.nonStructType.InType,
-                                                         property.nonStructType.OutType,
-                                                         winlogon && SameName(key, L"Event")));
+        std::wstring value = Trimmed(PropertyValueText(reader, property.nonStructType.InType,
+                                                       property.nonStructType.OutType,
+                                                       winlogon && SameName(key, L"Event")));
+        // A later property of the same name overwrites the earlier.
+        data.properties.insert_or_assign(std::move(key), std::move(value));
         data.propertyNames[i] = name;
     }
     data.schema = std::move(shared);
@@ -186,7 +186,7 @@ std::wstring DescriptionFromNames(const EventRecordData& data) {
 
 }  // namespace
 
-bool PropertyNameLess::operator()(const std::wstring& left, const std::wstring& right) const {
+bool PropertyNameLess::operator()(std::wstring_view left, std::wstring_view right) const {
     return std::lexicographical_compare(
         left.begin(), left.end(), right.begin(), right.end(), [](wchar_t a, wchar_t b) {
             return static_cast<uint32_t>(FoldCase(a)) < static_cast<uint32_t>(FoldCase(b));

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "trace/EtwTypes.h"
@@ -19,9 +20,11 @@ namespace logonmon {
 struct SESSION_CONTEXT;
 
 // Orders property names without regard to ASCII case, character by
-// character; a key that is a prefix of a longer one sorts first.
+// character; a key that is a prefix of a longer one sorts first. Names are
+// looked up without building a string.
 struct PropertyNameLess {
-    bool operator()(const std::wstring& left, const std::wstring& right) const;
+    using is_transparent = void;
+    bool operator()(std::wstring_view left, std::wstring_view right) const;
 };
 
 // Thrown when the SID item of the extended data holds no whole SID; the
