@@ -96,13 +96,13 @@ FILE* OpenShared(const std::wstring& path) {
     if (file == INVALID_HANDLE_VALUE) {
         return nullptr;
     }
-    logonmon::UniqueHandle handle(file);
+    UniqueHandle handle(file);
     FileDescriptor descriptor(
-        _open_osfhandle(reinterpret_cast<intptr_t>(handle.get()), _O_APPEND | _O_TEXT));
+        _open_osfhandle(reinterpret_cast<intptr_t>(handle.Get()), _O_APPEND | _O_TEXT));
     if (descriptor.Get() == -1) {
         return nullptr;
     }
-    handle.release();
+    handle.Release();
     FILE* stream = _fdopen(descriptor.Get(), "a+");
     if (stream == nullptr) {
         return nullptr;

@@ -21,7 +21,7 @@ class TimerQueueTimer : public PeriodicTimer {
 
     ~TimerQueueTimer() override {
         if (cancelled_) {
-            WaitForSingleObject(ticksDone_.get(), INFINITE);
+            WaitForSingleObject(ticksDone_.Get(), INFINITE);
         } else {
             // INVALID_HANDLE_VALUE: wait for a callback that is running.
             DeleteTimerQueueTimer(nullptr, timer_, INVALID_HANDLE_VALUE);
@@ -32,7 +32,7 @@ class TimerQueueTimer : public PeriodicTimer {
         if (!cancelled_) {
             cancelled_ = true;
             // Returns at once; the event is set once a running callback ended.
-            DeleteTimerQueueTimer(nullptr, timer_, ticksDone_.get());
+            DeleteTimerQueueTimer(nullptr, timer_, ticksDone_.Get());
         }
     }
 
