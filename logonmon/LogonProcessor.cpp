@@ -292,10 +292,12 @@ void LogonProcessor::LogEventAsString(EventRecordData& record) {
 }
 
 void LogonProcessor::UpdateTimer() {
-    std::unique_ptr<PeriodicTimer> stopped[2];
+    // Both destroyed outside the lock.
+    std::unique_ptr<PeriodicTimer> cancelled;
+    std::unique_ptr<PeriodicTimer> stopped;
     {
         std::lock_guard<std::recursive_mutex> lock(mutex_);
-        stopped[0] = std::move(cancelledTimer_);
+        cancelled = std::move(cancelledTimer_);
         if (!config_.realTime) {
             return;
         }
@@ -311,13 +313,13 @@ void LogonProcessor::UpdateTimer() {
             SwitchSampling(true);
             return;
         }
-        stopped[1] = std::move(timer_);
+        stopped = std::move(timer_);
     }
-    if (!stopped[1]) {
+    if (!stopped) {
         return;
     }
     // Outside the lock: stopping waits for a tick in progress, which takes it.
-    stopped[1].reset();
+    stopped.reset();
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     // Another event may have started a new timer meanwhile.
     if (!timer_) {
@@ -333,11 +335,12 @@ void LogonProcessor::SwitchSampling(bool enable) {
 }
 
 void LogonProcessor::StopTimer() {
-    std::unique_ptr<PeriodicTimer> stopped[2];
+    std::unique_ptr<PeriodicTimer> stopped;
+    std::unique_ptr<PeriodicTimer> cancelled;
     {
         std::lock_guard<std::recursive_mutex> lock(mutex_);
-        stopped[0] = std::move(timer_);
-        stopped[1] = std::move(cancelledTimer_);
+        stopped = std::move(timer_);
+        cancelled = std::move(cancelledTimer_);
     }
 }
 
