@@ -186,17 +186,6 @@ TEST_F(LogWriterTest, FolderCreationEchoesEveryPathChecked) {
             "ERROR [OpenLog] Failed to open Log: " + Narrow(folder_.Path()) + "missing\\s.txt"}));
 }
 
-TEST(LogPathTest, LongPathPrefixAndTrailingSeparator) {
-    EXPECT_EQ(AddLongPathPrefix(L"C:\\Logs"), L"\\\\?\\C:\\Logs");
-    EXPECT_EQ(AddLongPathPrefix(L"\\\\?\\C:"), L"\\\\?\\C:");
-    EXPECT_EQ(AddLongPathPrefix(L"//?/C:"), L"\\\\?\\//?/C:");
-    EXPECT_EQ(AddLongPathPrefix(L""), L"\\\\?\\");
-    EXPECT_EQ(AddTrailingSeparator(L"C:\\Logs"), L"C:\\Logs\\");
-    EXPECT_EQ(AddTrailingSeparator(L"C:\\Logs\\"), L"C:\\Logs\\");
-    EXPECT_EQ(AddTrailingSeparator(L"C:/Logs/"), L"C:/Logs/");
-    EXPECT_EQ(AddTrailingSeparator(L""), L"\\");
-}
-
 // An event of 2024-03-05 06:07:08.009 UTC, level `level`, from process
 // 0x1a2b and thread 0x3c; a replayed trace shows its time.
 constexpr SYSTEMTIME kEventUtc = {2024, 3, 2, 5, 6, 7, 8, 9};
