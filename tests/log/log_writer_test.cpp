@@ -273,29 +273,6 @@ Lines Expected(int from, int to) {
     return lines;
 }
 
-TEST(LogRollTest, RollsAfterTheLineThatCrossesTheLimitIntoOneBackup) {
-    TempFolder folder;
-    ScopedMainLog mainLog(folder.Path(), kLimit);
-    int next = 0;
-    const auto writeUntilRolled = [&] {
-        const std::string backup = ReadFileBytes(mainLog.BackupPath());
-        while (ReadFileBytes(mainLog.BackupPath()) == backup && next < 1000) {
-            LogMessage(nullptr, LOG_LEVEL_INFO, L"Roll::Test", "%s", Numbered(next++).c_str());
-        }
-        return next;
-    };
-    const int firstRoll = writeUntilRolled();
-    EXPECT_EQ(Tagged(ReadLines(mainLog.BackupPath())), Expected(0, firstRoll));
-    EXPECT_EQ(Tagged(ReadLines(mainLog.Path())), Expected(0, 0));
-    // Within the limit before the crossing line, above it after.
-    const size_t backupSize = ReadFileBytes(mainLog.BackupPath()).size();
-    EXPECT_GT(backupSize, kLimit);
-    EXPECT_LE(backupSize - ReadLines(mainLog.BackupPath()).back().size() - 2, kLimit);
-
-    const int secondRoll = writeUntilRolled();
-    EXPECT_EQ(Tagged(ReadLines(mainLog.BackupPath())), Expected(firstRoll, secondRoll));
-}
-
 TEST(LogRollTest, FailuresAreRaisedAndLaterLinesGoToStandardOutput) {
     for (const bool blockRename : {true, false}) {
         const char* const error =
