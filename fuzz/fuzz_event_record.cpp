@@ -23,20 +23,15 @@ class InputReader {
     InputReader(const uint8_t* data, size_t size) : data_(data), size_(size) {}
 
     uint8_t Byte() { return position_ < size_ ? data_[position_++] : 0; }
-
     uint16_t UInt16() { return static_cast<uint16_t>(Byte() | Byte() << 8); }
-
     // Exactly `count` bytes, zero-filled once the input runs out.
     std::vector<uint8_t> Bytes(size_t count) {
         std::vector<uint8_t> bytes(count, 0);
         const size_t available = std::min(count, size_ - position_);
-        if (available > 0) {
-            std::memcpy(bytes.data(), data_ + position_, available);
-        }
+        std::copy_n(data_ + position_, available, bytes.begin());
         position_ += available;
         return bytes;
     }
-
     std::vector<uint8_t> Rest() { return Bytes(size_ - position_); }
 
   private:
@@ -44,46 +39,6 @@ class InputReader {
     size_t size_;
     size_t position_ = 0;
 };
-
-struct SchemaProperty {
-    const wchar_t* name;
-    uint16_t inType;
-    uint16_t outType;
-    bool isStruct;
-};
-
-constexpr SchemaProperty kSchema[] = {
-    {L"Event", kInTypeUInt32, 0, false},
-    {L"UserName", kInTypeUnicodeString, 0, false},
-    {L"Domain", kInTypeAnsiString, 0, false},
-    {L"Small", kInTypeInt8, 0, false},
-    {L"Byte", kInTypeUInt8, 0, false},
-    {L"Short", kInTypeInt16, 0, false},
-    {L"Port", kInTypeUInt16, kOutTypePort, false},
-    {L"Status", kInTypeInt32, 0, false},
-    {L"Address", kInTypeUInt32, kOutTypeIpv4, false},
-    {L"Big", kInTypeInt64, 0, false},
-    {L"Count", kInTypeUInt64, 0, false},
-    {L"Ratio", kInTypeFloat, 0, false},
-    {L"Precise", kInTypeDouble, 0, false},
-    {L"Flag", kInTypeBoolean, 0, false},
-    {L"Blob", kInTypeBinary, 0, false},
-    {L"Activity", kInTypeGuid, 0, false},
-    {L"Pointer", kInTypePointer, 0, false},
-    {L"When", kInTypeFileTime, 0, false},
-    {L"Date", kInTypeSystemTime, 0, false},
-    {L"User", kInTypeSid, 0, false},
-    {L"Hex32", kInTypeHexInt32, 0, false},
-    {L"Hex64", kInTypeHexInt64, 0, false},
-    {L"Counted", kInTypeCountedString, 0, false},
-    {L"CountedAnsi", kInTypeCountedAnsiString, 0, false},
-    {L"Dump", kInTypeHexDump, 0, false},
-    {L"Nested", 0, 0, true},
-    {L"event", kInTypeUInt32, 0, false},
-    {L"Unknown", 999, 0, false},
-};
-
-constexpr wchar_t kWinlogon[] = L"{DBE9B383-7CF3-4331-91CC-A3CB16A3B538}";
 
 // Serves the builder's schema with bytes changed and its size cut as the
 // input says.
@@ -130,30 +85,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint8_t nullDataItems = 0;
     for (size_t i = 0; i < itemCount; ++i) {
         const uint8_t kind = input.Byte();
-        nullDataItems |= (kind & 0x80) != 0 ? static_cast<uint8_t>(1u << i) : 0;
+        nullDataItems |= static_cast<uint8_t>((kind >> 7) << i);
         builder.ExtendedItem(kind & 0x07, input.Bytes(input.Byte() % 80));
     }
 
     if ((options & kWithSchema) != 0) {
         builder.ProviderName(L"Fuzz-Provider").TaskName(L"Task").OpcodeName(L" Start ");
         builder.EventName(L"Name").RelatedName(L"Related");
+        std::wstring message = L"%1 %2 %% %26 %99 %\r\n%0";
         if ((options & kFuzzedMessage) != 0) {
-            std::wstring message;
+            message.clear();
             for (size_t i = input.Byte(); i > 0; --i) {
                 message.push_back(static_cast<wchar_t>(std::max<uint16_t>(input.UInt16(), 1)));
             }
-            builder.Message(message);
-        } else {
-            builder.Message(L"%1 %2 %% %26 %99 %\r\n%0");
         }
-        for (const SchemaProperty& property : kSchema) {
-            std::vector<uint8_t> value;
-            if (!property.isStruct) {
-                value = input.Bytes(input.Byte() % 40);
-            }
-            builder.Property(PropertyDefinition{property.name, property.inType, property.outType,
-                                                std::move(value), property.isStruct});
+        builder.Message(message);
+        // In-types 0 to 22 and 300 to 309 (all known ones and some unknown), the
+        // first read as Winlogon's notification ("Event"), the last a struct.
+        for (int i = 0; i < 24; ++i) {
+            const uint8_t type = input.Byte();
+            const uint16_t inType = type < 23 ? type : 300 + type % 10;
+            const uint16_t outType = input.Byte() % 3 == 0 ? 0 : kOutTypePort + type % 2;
+            builder.Property(PropertyDefinition{i == 0 ? L"Event" : L"P" + std::to_wstring(i),
+                                                inType, outType, input.Bytes(input.Byte() % 40)});
         }
+        builder.Property(PropertyDefinition{L"Nested", 0, 0, {}, true});
         if ((options & kDamageSchema) != 0) {
             for (size_t i = input.Byte() % 16; i > 0; --i) {
                 const uint16_t offset = input.UInt16();
@@ -167,19 +123,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     EVENT_RECORD record = builder.Record();
     std::memcpy(&record.EventHeader, header.data(), sizeof(EVENT_HEADER));
     if ((options & kWinlogonProvider) != 0) {
-        record.EventHeader.ProviderId = GuidFromText(kWinlogon);
+        record.EventHeader.ProviderId = GuidFromText(L"{DBE9B383-7CF3-4331-91CC-A3CB16A3B538}");
     }
     std::vector<EVENT_HEADER_EXTENDED_DATA_ITEM> items(
         record.ExtendedData, record.ExtendedData + record.ExtendedDataCount);
     for (size_t i = 0; i < items.size(); ++i) {
-        if ((nullDataItems & (1u << i)) != 0) {
-            items[i].DataPtr = 0;
-        }
+        items[i].DataPtr = (nullDataItems >> i) & 1 ? 0 : items[i].DataPtr;
     }
     record.ExtendedData = (options & kNullItemArray) != 0 ? nullptr : items.data();
-    if ((options & kNullUserData) != 0) {
-        record.UserData = nullptr;
-    }
+    record.UserData = (options & kNullUserData) != 0 ? nullptr : record.UserData;
 
     try {
         logonmon::EventRecordData event(record);

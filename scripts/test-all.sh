@@ -24,22 +24,39 @@ total_passed=0
 total_failed=0
 status=0
 
-# Adds the counts of a ctest summary line from log file $1.
+# Adds the test cases of ctest log $1. A ctest test that ran a gtest
+# executable verbosely ("N: " before its output) counts the cases of gtest's
+# summary, and one more failure when it failed without a failed case (a
+# crash); any other ctest test counts as one case.
 count_results() {
-    local line
-    line=$(grep -E '[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$1" | tail -n 1)
-    if [ -z "$line" ]; then
-        if grep -q "No tests were found" "$1"; then
-            return
-        fi
-        total_failed=$((total_failed + 1))
+    if ! grep -qE '^ *[0-9]+/[0-9]+ Test +#[0-9]+: ' "$1"; then
+        grep -q "No tests were found" "$1" || total_failed=$((total_failed + 1))
         return
     fi
-    local failed total
-    failed=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/' <<<"$line")
-    total=$(sed -E 's/.* failed out of ([0-9]+).*/\1/' <<<"$line")
-    total_passed=$((total_passed + total - failed))
-    total_failed=$((total_failed + failed))
+    local counts
+    counts=$(awk '
+        match($0, /^[0-9]+: \[  (PASSED|SKIPPED) +\] [0-9]+ tests?\./) {
+            n = $1 + 0; split(substr($0, index($0, "] ") + 2), w, " "); passed[n] += w[1]; gtest[n] = 1
+        }
+        match($0, /^[0-9]+: \[  FAILED  \] [0-9]+ tests?, listed below/) {
+            n = $1 + 0; split(substr($0, index($0, "] ") + 2), w, " "); failed[n] += w[1]; gtest[n] = 1
+        }
+        match($0, /^ *[0-9]+\/[0-9]+ Test +#[0-9]+: /) {
+            id = $0; sub(/^.*Test +#/, "", id); sub(/:.*/, "", id)
+            ok[id + 0] = ($0 ~ /(Passed|Skipped) +[0-9.]+ sec$/)
+        }
+        END {
+            p = 0; f = 0
+            for (n in ok) {
+                if (n in gtest) {
+                    p += passed[n]; f += failed[n]
+                    if (!ok[n] && !failed[n]) f++
+                } else if (ok[n]) p++; else f++
+            }
+            print p, f
+        }' "$1")
+    total_passed=$((total_passed + ${counts% *}))
+    total_failed=$((total_failed + ${counts#* }))
 }
 
 run_config() {
@@ -69,7 +86,9 @@ run_config() {
 mkdir -p build
 run_config native ctest --preset native
 run_config native-tsan ctest --preset native-tsan
-run_config windows scripts/run-wine-tests.sh build/windows --output-on-failure
+# Verbose: every executable's own output, which names its failing cases, is
+# in the log and gives its count of cases.
+run_config windows scripts/run-wine-tests.sh build/windows --verbose
 
 echo "$total_passed passed, $total_failed failed"
 [ "$status" -eq 0 ] && [ "$total_failed" -eq 0 ]

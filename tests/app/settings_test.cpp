@@ -165,18 +165,6 @@ TEST_F(SettingsTest, UnreadableRemotePathIsLoggedWithItsError) {
     }
 }
 
-// "None", the empty text and all levels are shown by the settings block.
-TEST(SettingsDescriptionTest, NamesTheSetBitsInOrder) {
-    EXPECT_EQ(FlagsDescription(0x01F),
-              L"PLMX_DISABLE_MEMORY_DUMPS | PLMX_ENABLE_LOOM_INTEGRATION | "
-              L"PLMX_ENABLE_CPU_MEMORY_TIMINGS | PLMX_ENABLE_PROCESS_TIMINGS | "
-              L"PLMX_ENABLE_USER_LOG_FOLDERS");
-    EXPECT_EQ(FlagsDescription(0x30A),
-              L"PLMX_ENABLE_LOOM_INTEGRATION | PLMX_ENABLE_PROCESS_TIMINGS");
-    EXPECT_EQ(LevelDescription(0x30A), L"Info | Trace");
-    EXPECT_EQ(LevelDescription(0x020), L"");
-}
-
 TEST_F(SettingsTest, SettingsBlockIsWrittenInOrder) {
     ComputerNames::Instance() = {L"DESK01", L"desk01.corp.example"};
     Settings& settings = Settings::Instance();
@@ -192,7 +180,9 @@ TEST_F(SettingsTest, SettingsBlockIsWrittenInOrder) {
         std::string flagsLine;
     };
     const Case cases[] = {
-        {0x004, 0x100, remote, "Flags: 0x104: PLMX_ENABLE_CPU_MEMORY_TIMINGS"},
+        {0x00F, 0x100, remote,
+         "Flags: 0x10F: PLMX_DISABLE_MEMORY_DUMPS | PLMX_ENABLE_LOOM_INTEGRATION | "
+         "PLMX_ENABLE_CPU_MEMORY_TIMINGS | PLMX_ENABLE_PROCESS_TIMINGS"},
         {0x000, 0x010, "Remote Log Path: See Below", "Flags: 0x10: PLMX_ENABLE_USER_LOG_FOLDERS"},
         {0x100, 0x000, remote, "Flags: 0x100: "},
         {0x000, 0x000, remote, "Flags: 0x0: None"},

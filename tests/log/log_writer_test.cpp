@@ -187,17 +187,6 @@ TEST_F(LogWriterTest, FolderCreationEchoesEveryPathChecked) {
             "ERROR [OpenLog] Failed to open Log: " + Narrow(folder_.Path()) + "missing\\s.txt"}));
 }
 
-TEST(LogPathTest, LongPathPrefixAndTrailingSeparator) {
-    EXPECT_EQ(AddLongPathPrefix(L"C:\\Logs"), L"\\\\?\\C:\\Logs");
-    EXPECT_EQ(AddLongPathPrefix(L"\\\\?\\C:"), L"\\\\?\\C:");
-    EXPECT_EQ(AddLongPathPrefix(L"//?/C:"), L"\\\\?\\//?/C:");
-    EXPECT_EQ(AddLongPathPrefix(L""), L"\\\\?\\");
-    EXPECT_EQ(AddTrailingSeparator(L"C:\\Logs"), L"C:\\Logs\\");
-    EXPECT_EQ(AddTrailingSeparator(L"C:\\Logs\\"), L"C:\\Logs\\");
-    EXPECT_EQ(AddTrailingSeparator(L"C:/Logs/"), L"C:/Logs/");
-    EXPECT_EQ(AddTrailingSeparator(L""), L"\\");
-}
-
 // An event of 2024-03-05 06:07:08.009 UTC, level `level`, from process
 // 0x1a2b and thread 0x3c; a replayed trace shows its time.
 constexpr SYSTEMTIME kEventUtc = {2024, 3, 2, 5, 6, 7, 8, 9};
@@ -283,29 +272,6 @@ Lines Expected(int from, int to) {
         lines.push_back("INFO [Roll::Test] " + Numbered(i));
     }
     return lines;
-}
-
-TEST(LogRollTest, RollsAfterTheLineThatCrossesTheLimitIntoOneBackup) {
-    TempFolder folder;
-    ScopedMainLog mainLog(folder.Path(), kLimit);
-    int next = 0;
-    const auto writeUntilRolled = [&] {
-        const std::string backup = ReadFileBytes(mainLog.BackupPath());
-        while (ReadFileBytes(mainLog.BackupPath()) == backup && next < 1000) {
-            LogMessage(nullptr, LOG_LEVEL_INFO, L"Roll::Test", "%s", Numbered(next++).c_str());
-        }
-        return next;
-    };
-    const int firstRoll = writeUntilRolled();
-    EXPECT_EQ(Tagged(ReadLines(mainLog.BackupPath())), Expected(0, firstRoll));
-    EXPECT_EQ(Tagged(ReadLines(mainLog.Path())), Expected(0, 0));
-    // Within the limit before the crossing line, above it after.
-    const size_t backupSize = ReadFileBytes(mainLog.BackupPath()).size();
-    EXPECT_GT(backupSize, kLimit);
-    EXPECT_LE(backupSize - ReadLines(mainLog.BackupPath()).back().size() - 2, kLimit);
-
-    const int secondRoll = writeUntilRolled();
-    EXPECT_EQ(Tagged(ReadLines(mainLog.BackupPath())), Expected(firstRoll, secondRoll));
 }
 
 TEST(LogRollTest, FailuresAreRaisedAndLaterLinesGoToStandardOutput) {

@@ -358,6 +358,7 @@ TEST_F(LogonProcessorTest, ServicesNameTheSessionInAProperty) {
 TEST_F(LogonProcessorTest, ProfileEventsWaitForTheSessionOfTheirThread) {
     auto& processor = Processor(kLogEvents);
     processor.Feed(CreateSession(2, kAliceSid, kMorning));
+    processor.Feed(CreateSession(3, kBobSid, kMorning));  // newer, another user
     processor.Feed(ProfileEvent(L"held 1", 77, kSystemSid, kMorning + 1));
     processor.Feed(ProfileEvent(L"other thread", 78, kSystemSid, kMorning + 2));
     processor.Feed(ProfileEvent(L"held 2", 77, kSystemSid, kMorning + 3));

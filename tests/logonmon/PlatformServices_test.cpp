@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <ctime>
 #include <thread>
 
 #include "logonmon/CurrentRecord.h"
@@ -22,15 +21,6 @@ TEST(PlatformServicesTest, TimerTicksUntilDestroyed) {
     const int ticksAtStop = ticks;
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(ticks, ticksAtStop);
-}
-
-TEST(PlatformServicesTest, ClockGivesTheSystemTimeAsFileTime) {
-    constexpr uint64_t kUnixEpochAsFileTime = 116'444'736'000'000'000;
-    const uint64_t expected =
-        kUnixEpochAsFileTime + static_cast<uint64_t>(std::time(nullptr)) * 10'000'000;
-    const uint64_t now = DefaultClock().NowFileTime();
-    const uint64_t difference = now > expected ? now - expected : expected - now;
-    EXPECT_LT(difference, 60ull * 10'000'000);
 }
 
 TEST(PlatformServicesTest, AccountLookup) {

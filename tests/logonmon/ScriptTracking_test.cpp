@@ -67,14 +67,14 @@ TEST_F(ScriptTrackingTest, ScriptHostsAddTheirRunTimes) {
     }
     processor.Feed(ProcessExit(2, 100, L"2024-03-01T08:00:10:000Z", L"2024-03-01T08:00:12:500Z"));
     processor.Feed(ProcessExit(2, 200, L"2024-03-01T08:00:11:000Z", L"2024-03-01T08:00:15:250Z"));
-    processor.Feed(ProcessExit(2, 400, L"2024-03-01T08:00:05:000Z", L"2024-03-01T08:00:06:000Z"));
+    processor.Feed(ProcessExit(2, 400, L"2024-03-01T08:00:05:000Z", L"2024-03-01T08:00:09:000Z"));
 
     const auto session = processor.Session(2);
     ASSERT_TRUE(session);
     EXPECT_EQ(session->namedDurations,
-              (Durations{{L"Group Policy Logon Script Time", 3.5f},
+              (Durations{{L"Group Policy Logon Script Time", 6.5f},
                          {L"Group Policy PS Logon Script Time", 4.25f},
-                         {L"Total Group Policy Logon Script Time", 7.75f}}));
+                         {L"Total Group Policy Logon Script Time", 10.75f}}));
     const auto& points = session->timingPoints;
     EXPECT_EQ(points.at(L"GP_LOGON_SCRIPT_START"), At(5));
     EXPECT_EQ(points.at(L"GP_LOGON_SCRIPT_STOP"), At(12, 500));
@@ -97,8 +97,8 @@ TEST_F(ScriptTrackingTest, ScriptHostsAddTheirRunTimes) {
             "Id: 50, Timestamp: 2024-03-01T08:00:15:250Z, SessionID: 2",
             "Group Policy Powershell Script Time: 4.25 Seconds",
             "Logon Script Process Terminated: Name: gpscript.exe, Process Id: 400, Parent Id: 50, "
-            "Timestamp: 2024-03-01T08:00:06:000Z, Sessiond: 2",
-            "Group Policy Logon Script Time: 1.00 Seconds"));
+            "Timestamp: 2024-03-01T08:00:09:000Z, Sessiond: 2",
+            "Group Policy Logon Script Time: 4.00 Seconds"));
     EXPECT_EQ(processor.lines[1].function, L"logonmon::LogonProcessor::Process_Started");
     EXPECT_EQ(processor.lines[4].function, L"logonmon::LogonProcessor::Process_Exited");
     EXPECT_EQ(processor.lines[4].level, 5u);

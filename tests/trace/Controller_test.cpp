@@ -21,27 +21,12 @@ using testing::RecordingEtwControl;
 
 const std::string kClose = "Close " + std::to_string(RecordingEtwControl::kSessionHandle);
 
-// The timing list, the diagnostic list without its repeated entry, the
-// process provider.
-const std::vector<std::wstring> kFileSessionIds{
-    L"{DBE9B383-7CF3-4331-91CC-A3CB16A3B538}", L"{AEA1B4FA-97D1-45F2-A64C-4D69FFFD92C9}",
-    L"{30336ED4-E327-447C-9DE0-51B652C86108}", L"{89B1E9F0-5AFF-44A6-9B44-0A07A7CE5845}",
-    L"{5D896912-022D-40AA-A3A8-4FA5515C76D7}", L"{7D7B0C39-93F6-4100-BD96-4DDA859652C5}",
-    L"{0D5380E5-A6BA-4CFC-B31E-484C775E4DB9}", L"{DB00DFB6-29F9-4A9C-9B3B-1F4F9E7D9770}",
-    L"{397B9505-A6BA-5951-46EE-84B08FB14812}", L"{B39B8CEA-EAAA-5A74-5794-4948E222C663}",
-    L"{E5D3F7AD-54A2-404D-B50B-BF41C40D6CAB}", L"{59DE359D-EC83-445C-9323-B75E2056D5A5}",
-    L"{C6FDD8E3-770B-4964-9F0C-227457146B49}", L"{9891E0A7-F966-547F-EB21-D98616BF72EE}",
-    L"{9959ADBD-B5AC-5758-3FFA-EE0DA5B8FE4B}", L"{C1DF9318-DA0B-4CD1-92BF-59415E6454F7}",
-    L"{6FC72ED3-75DA-4BC4-8365-C4228CEAEDFE}", L"{966AFB4E-A7EF-5EB7-5E31-38C352CA38B9}",
-    L"{5283D5F6-65B5-425F-A30B-F16C057D6B57}", L"{C000E9AE-71F9-426E-A1C2-C78FF53284BF}",
-    L"{0B9B891E-FF74-49AC-A582-4C58BDF12D8B}", L"{E8316A2D-0D94-4F52-85DD-1E15B66C5891}",
-    L"{22FB2CD6-0E7B-422B-A0C7-2FAD1FD0E716}",
-};
-// The EVENT_FILTER_EVENT_ID by index above: FilterIn, Reserved, Count, ids.
-const std::map<size_t, std::vector<uint8_t>> kEventIdFilters{
-    {2, {1, 0, 1, 0, 0x82, 0x25}},               // 9602
-    {5, {1, 0, 2, 0, 0xE8, 0x01, 0xE9, 0x03}},   // 488, 1001
-    {22, {1, 0, 2, 0, 0x01, 0x00, 0x02, 0x00}},  // 1, 2
+// The event-id filters (EVENT_FILTER_EVENT_ID: FilterIn, Reserved, Count,
+// ids) of the providers that have one.
+const std::map<std::wstring, std::vector<uint8_t>> kEventIdFilters{
+    {L"{30336ED4-E327-447C-9DE0-51B652C86108}", {1, 0, 1, 0, 0x82, 0x25}},  // 9602
+    {L"{7D7B0C39-93F6-4100-BD96-4DDA859652C5}", {1, 0, 2, 0, 0xE8, 0x01, 0xE9, 0x03}},
+    {L"{22FB2CD6-0E7B-422B-A0C7-2FAD1FD0E716}", {1, 0, 2, 0, 0x01, 0x00, 0x02, 0x00}},
 };
 
 TraceProvider Provider(uint32_t enableProperty, uint32_t level, std::vector<uint16_t> ids) {
@@ -105,7 +90,7 @@ TEST(ControllerTest, StartAndStopPassTheBlockAndStartEnablesEveryProviderInOrder
         Controller session;
         std::wstring name, file;
         uint32_t mode;
-        size_t providers;  // the first ones of the file session
+        size_t providers;
     } cases[] = {
         {Controller::Timing(), L"logonmon_timing", L"", 0x100, 7},
         {Controller::Diagnostic(), L"logonmon_diag_trace_rt", L"", 0x100, 0},
@@ -124,22 +109,26 @@ TEST(ControllerTest, StartAndStopPassTheBlockAndStartEnablesEveryProviderInOrder
         EXPECT_EQ(etw.startBlock, PropertiesBlock(c.name, c.file, c.mode, true));
         EXPECT_EQ(etw.stopBlock, PropertiesBlock(c.name, c.file, c.mode, false));
 
-        for (size_t i = 0; i < etw.enables.size(); ++i) {
+        ASSERT_EQ(etw.enables.size(), c.providers);
+        for (size_t i = 0; i < c.providers; ++i) {
             const testing::EnableCall& call = etw.enables[i];
+            const std::wstring provider = GuidText(call.providerId);
+            EXPECT_EQ(provider, GuidText(c.session.Providers()[i].providerId));
             EXPECT_EQ(call.handle, RecordingEtwControl::kSessionHandle);
-            EXPECT_EQ(GuidText(call.providerId), kFileSessionIds[i]);
             EXPECT_EQ(call.controlCode, 1u);  // EVENT_CONTROL_CODE_ENABLE_PROVIDER
             EXPECT_EQ(call.level, 4);
             EXPECT_EQ(call.keywordsAndTimeout, 0u);
             EXPECT_EQ(call.parameters.Version, 2u);
             EXPECT_EQ(call.parameters.EnableProperty, 0x83u);
-            const auto filter = kEventIdFilters.find(i);
+            const auto filter = kEventIdFilters.find(provider);
             const bool filtered = filter != kEventIdFilters.end();
             EXPECT_EQ(call.parameters.FilterDescCount, filtered ? 1u : 0u) << i;
             EXPECT_EQ(call.filter, filtered ? filter->second : std::vector<uint8_t>{}) << i;
             EXPECT_EQ(call.filterType, filtered ? 0x80000200u : 0u);  // EVENT_FILTER_TYPE_EVENT_ID
         }
     }
+    EXPECT_EQ(GuidText(Controller::DiagnosticFile(L"x").Providers()[22].providerId),
+              L"{22FB2CD6-0E7B-422B-A0C7-2FAD1FD0E716}");  // the process provider last
 }
 
 TEST(ControllerTest, RefusesWhatCannotBePassedWithoutCallingTheSystem) {

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -36,14 +35,7 @@ template <typename Command>
 std::vector<std::string> Logged(Command command, ULONG expectedResult) {
     plmx::testing::StdoutCapture capture;
     EXPECT_EQ(command(), expectedResult);
-    std::vector<std::string> lines;
-    std::istringstream output(capture.Text());
-    for (std::string line; std::getline(output, line);) {
-        const auto parsed = plmx::testing::ParseLogLine(line.substr(0, line.find('\r')));
-        lines.push_back(parsed ? parsed->level + " [" + parsed->source + "] " + parsed->message
-                               : "<unparsed> " + line);
-    }
-    return lines;
+    return plmx::testing::Tagged(plmx::testing::ReadLines(capture.Path()));
 }
 
 // ETW is the recording stand-in, the registry the Wine prefix's; every test

@@ -38,6 +38,9 @@ std::wstring Decode(uint16_t inType, uint16_t outType, std::vector<uint8_t> valu
 
 TEST(PropertyValueTest, EachInTypeIsWrittenAsTheReaderFormatsIt) {
     const GUID guid = GuidFromText(L"{01234567-89AB-CDEF-0123-456789ABCDEF}");
+    const uint64_t fileTime = 133540924280090000;  // 2024-03-05 06:07:08.009 UTC
+    const std::wstring local = logonmon::TimestampText(fileTime, true);
+    ASSERT_EQ(std::wstring::npos, local.find(L'Z'));
     const struct {
         const char* label;
         uint16_t inType;
@@ -72,6 +75,11 @@ TEST(PropertyValueTest, EachInTypeIsWrittenAsTheReaderFormatsIt) {
          L"{01234567-89AB-CDEF-0123-456789ABCDEF}"},
         {"pointer", kInTypePointer, 0, UInt64Bytes(0xFFFFF80012345678), L"18446735277921949304"},
         {"filetime zero", kInTypeFileTime, 0, UInt64Bytes(0), L"NULL"},
+        {"filetime in local time", kInTypeFileTime, 0, UInt64Bytes(fileTime), local},
+        {"systemtime in local time", kInTypeSystemTime, 0,
+         RawBytes(SYSTEMTIME{2024, 3, 2, 5, 6, 7, 8, 9}), local},
+        {"systemtime invalid", kInTypeSystemTime, 0,
+         RawBytes(SYSTEMTIME{2024, 13, 0, 5, 6, 7, 8, 9}), L""},
         {"sid", kInTypeSid, 0, SidBytes(L"S-1-5-21-100-200-300-1001"),
          L"S-1-5-21-100-200-300-1001"},
         {"sid malformed", kInTypeSid, 0, {2, 1, 0, 0, 0, 0, 0, 5, 1, 0, 0, 0}, L""},
@@ -87,16 +95,6 @@ TEST(PropertyValueTest, EachInTypeIsWrittenAsTheReaderFormatsIt) {
     for (const auto& c : cases) {
         EXPECT_EQ(c.expected, Decode(c.inType, c.outType, c.value)) << c.label;
     }
-}
-
-TEST(PropertyValueTest, TimesAreWrittenInLocalTime) {
-    const uint64_t fileTime = 133540924280090000;  // 2024-03-05 06:07:08.009 UTC
-    const std::wstring expected = logonmon::TimestampText(fileTime, true);
-    ASSERT_EQ(std::wstring::npos, expected.find(L'Z'));
-    EXPECT_EQ(expected, Decode(kInTypeFileTime, 0, UInt64Bytes(fileTime)));
-    EXPECT_EQ(expected,
-              Decode(kInTypeSystemTime, 0, RawBytes(SYSTEMTIME{2024, 3, 2, 5, 6, 7, 8, 9})));
-    EXPECT_EQ(L"", Decode(kInTypeSystemTime, 0, RawBytes(SYSTEMTIME{2024, 13, 0, 5, 6, 7, 8, 9})));
 }
 
 TEST(PropertyValueTest, WinlogonNotificationsAreNamed) {
