@@ -1,5 +1,7 @@
 #include "log/LogLineFormat.h"
 
+#include <cstring>
+
 #include "log/LogWriter.h"
 #include "logonmon/PrintfFormat.h"
 #include "trace/EventRecordData.h"
@@ -9,7 +11,8 @@ namespace {
 
 constexpr size_t kTimestampSize = 24;
 
-// Returns the length written, or -1 when the text did not fit.
+// Returns the length written, or -1 when the text did not fit or could not be
+// converted.
 int FormatInto(char* buffer, size_t size, const char* format, ...) {
     va_list args;
     va_start(args, format);
@@ -64,14 +67,13 @@ int FormatPlainPrefix(char* buffer, const SYSTEMTIME& now, uint32_t level, uint3
 }
 
 size_t AppendLogMessage(char* buffer, int prefixLength, const char* format, va_list args) {
-    if (prefixLength < 0 || static_cast<size_t>(prefixLength) >= kLogLineBufferSize) {
-        prefixLength = kLogLineBufferSize - 1;
-    }
-    const size_t available = kLogLineBufferSize - prefixLength;
-    int messageLength =
-        logonmon::FormatPrintfToBuffer(buffer + prefixLength, available, format, args);
-    if (messageLength < 0 || static_cast<size_t>(messageLength) >= available) {
-        messageLength = static_cast<int>(available - 1);
-    }
-    return static_cast<size_t>(prefixLength) + messageLength;
+    // A failed format ends at its last valid byte, whether it ran out of room
+    // or met an argument it could not convert.
+    const auto validLength = [](const char* text, int length) {
+        return length < 0 ? std::strlen(text) : static_cast<size_t>(length);
+    };
+    const size_t prefix = validLength(buffer, prefixLength);
+    const size_t available = kLogLineBufferSize - prefix;
+    return prefix + validLength(buffer + prefix, logonmon::FormatPrintfToBuffer(
+                                                     buffer + prefix, available, format, args));
 }

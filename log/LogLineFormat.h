@@ -32,6 +32,7 @@ int FormatPlainPrefix(char* buffer, const SYSTEMTIME& now, uint32_t level, uint3
                       uint32_t threadId, const wchar_t* function);
 
 // Appends the message after a prefix of `prefixLength` (as the prefix
-// formatting returned it) and returns the line's length without its end;
-// what does not fit the buffer is cut, leaving room for the line end.
+// formatting returned it) and returns the line's length without its end. A
+// prefix or message that did not fit, or held an argument that could not be
+// converted, ends at its last valid byte; the line end replaces the null.
 size_t AppendLogMessage(char* buffer, int prefixLength, const char* format, va_list args);
