@@ -84,8 +84,6 @@ inline bool SizeInSecondWord(uint8_t headerType) {
 inline constexpr size_t kSystemHeaderSize = 32;
 inline constexpr size_t kSystemSizeOffset = 4;
 inline constexpr size_t kSystemHookIdOffset = 6;
-inline constexpr size_t kSystemThreadIdOffset = 8;
-inline constexpr size_t kSystemProcessIdOffset = 12;
 inline constexpr size_t kSystemTimeOffset = 16;
 inline constexpr uint16_t kSystemMarkerVersion = 2;
 inline constexpr uint16_t kHookLogFileHeader = 0;  // WMI_LOG_TYPE_HEADER
@@ -118,7 +116,6 @@ inline constexpr size_t kLogBuffersWritten = 0x24;
 inline constexpr size_t kLogStartBuffers = 0x28;
 inline constexpr size_t kLogPointerSize = 0x2C;
 inline constexpr size_t kLogCpuSpeedInMHz = 0x34;
-inline constexpr size_t kLogLoggerName = 0x38;
 inline constexpr size_t kTimeZoneSize = 172;
 // Offsets of BootTime, PerfFreq, StartTime, ReservedFlags (the clock type)
 // and the header's size, for 8- and 4-byte pointers.

@@ -14,8 +14,10 @@ namespace {
 static_assert(sizeof(EVENT_HEADER) == kEventHeaderSize);
 static_assert(sizeof(EVENT_RECORD::BufferContext) == sizeof(uint32_t));
 
-// The largest buffer ETW allocates is 1 MiB; anything far beyond is damage.
+// The largest buffer ETW allocates is 1 MiB, and clocks tick at most a few
+// GHz; anything far beyond is damage.
 constexpr uint32_t kMaxBufferSize = 64u << 20;
+constexpr int64_t kMaxClockFrequency = 100'000'000'000;
 
 std::string AtOffset(const std::string& what, size_t offset) {
     return what + " at offset " + std::to_string(offset);
@@ -33,12 +35,14 @@ class Clock {
         if (type_ == kClockSystemTime) {
             return raw;
         }
-        // Split to keep the product in range for any realistic frequency.
-        const int64_t delta = raw - reference_;
-        const int64_t whole = delta / frequency_;
-        const int64_t rest = delta % frequency_;
-        return startTime_ + whole * kFileTimeUnitsPerSecond +
-               rest * kFileTimeUnitsPerSecond / frequency_;
+        // Split to keep the product in range; damaged readings wrap around
+        // instead of overflowing.
+        const auto delta =
+            static_cast<int64_t>(static_cast<uint64_t>(raw) - static_cast<uint64_t>(reference_));
+        const auto whole = static_cast<uint64_t>(delta / frequency_);
+        const int64_t rest = delta % frequency_ * kFileTimeUnitsPerSecond / frequency_;
+        return static_cast<int64_t>(static_cast<uint64_t>(startTime_) +
+                                    whole * kFileTimeUnitsPerSecond + static_cast<uint64_t>(rest));
     }
 
   private:
@@ -160,8 +164,8 @@ class EtlParser {
                 return AtOffset("unknown timestamp clock " + std::to_string(clockType),
                                 kRecord + kSystemHeaderSize + tail.clockType);
         }
-        if (frequency <= 0) {
-            return AtOffset("the log-file header gives no clock frequency",
+        if (frequency <= 0 || frequency > kMaxClockFrequency) {
+            return AtOffset("the log-file header gives no usable clock frequency",
                             kRecord + kSystemHeaderSize + tail.clockType);
         }
         clock_ = Clock(clockType, frequency, Load<int64_t>(record + kSystemTimeOffset),

@@ -49,6 +49,11 @@ class EventBuilder {
         return Provider(GuidFromText(guidText));
     }
     EventBuilder& EventId(uint16_t id) { return Set(header_.EventDescriptor.Id, id); }
+    EventBuilder& Version(uint8_t version) { return Set(header_.EventDescriptor.Version, version); }
+    EventBuilder& Task(uint16_t task) { return Set(header_.EventDescriptor.Task, task); }
+    EventBuilder& Keyword(uint64_t keyword) {
+        return Set(header_.EventDescriptor.Keyword, keyword);
+    }
     EventBuilder& Opcode(uint8_t opcode) { return Set(header_.EventDescriptor.Opcode, opcode); }
     EventBuilder& Level(uint8_t level) { return Set(header_.EventDescriptor.Level, level); }
     EventBuilder& ProcessId(uint32_t pid) { return Set(header_.ProcessId, pid); }
