@@ -4,24 +4,20 @@
 #include <fcntl.h>
 #include <io.h>
 
-#include <cstring>
 #include <memory>
 #include <stdexcept>
 
 #include "app/Settings.h"
+#include "log/LogLineFormat.h"
 #include "log/LogLock.h"
 #include "log/SessionLog.h"
 #include "logonmon/CurrentRecord.h"
-#include "logonmon/PrintfFormat.h"
 #include "logonmon/SessionContext.h"
 #include "trace/EventRecordData.h"
-#include "trace/TextForms.h"
 #include "trace/UniqueHandle.h"
 
 namespace {
 
-constexpr size_t kLineBufferSize = 0x10000;
-constexpr size_t kTimestampSize = 24;
 constexpr wchar_t kMainLogName[] = L"plmx.txt";
 constexpr wchar_t kBackupSuffix[] = L".txt.bak";
 
@@ -48,7 +44,7 @@ struct LogState {
 
     char* LineBuffer() {
         if (!lineBuffer) {
-            lineBuffer.reset(new char[kLineBufferSize]());
+            lineBuffer.reset(new char[kLogLineBufferSize]());
         }
         return lineBuffer.get();
     }
@@ -133,79 +129,25 @@ FILE** ChooseSlot(LogState& state, logonmon::EventRecordData* record) {
     return &state.mainLog;
 }
 
-// Levels with several bits take the tag of the lowest known one.
-const char* LevelTag(uint32_t level) {
-    static constexpr struct {
-        uint32_t bit;
-        const char* tag;
-    } kTags[] = {
-        {LOG_LEVEL_ERROR, "ERROR"}, {LOG_LEVEL_INFO, "INFO"},   {LOG_LEVEL_DEBUG, "DEBUG"},
-        {LOG_LEVEL_TRACE, "TRACE"}, {LOG_LEVEL_FATAL, "FATAL"},
-    };
-    for (const auto& entry : kTags) {
-        if ((level & entry.bit) != 0) {
-            return entry.tag;
-        }
-    }
-    return "NONE";
-}
-
-// Returns the length written, or -1 when the text did not fit or could not be
-// converted.
-int FormatInto(char* buffer, size_t size, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    const int length = logonmon::FormatPrintfToBuffer(buffer, size, format, args);
-    va_end(args);
-    return length;
-}
-
-void FormatTimestamp(const SYSTEMTIME& time, char (&text)[kTimestampSize]) {
-    FormatInto(text, kTimestampSize, "%04d-%02d-%02dT%02d:%02d:%02d.%03d", time.wYear, time.wMonth,
-               time.wDay, time.wHour, time.wMinute, time.wSecond, time.wMilliseconds);
-}
-
-// Writes the line prefix at the start of `buffer`; returns its length, or -1
-// as FormatInto does.
 int FormatPrefix(char* buffer, const logonmon::EventRecordData* record, uint32_t level,
                  const wchar_t* function) {
-    char timestamp[kTimestampSize];
     if (record != nullptr) {
-        // The event's own time, so that a replayed trace shows the trace's times.
-        FormatTimestamp(
-            logonmon::UtcToLocalSystemTime(logonmon::FileTimeToUtcSystemTime(record->timestamp)),
-            timestamp);
-        const wchar_t* source =
-            record->providerName.empty() ? function : record->providerName.c_str();
-        return FormatInto(buffer, kLineBufferSize, "%s %ws (%ws) [%04d] [%ws] ", timestamp,
-                          record->LevelName().c_str(), record->LogPrefix().c_str(),
-                          static_cast<int>(record->eventId), source);
+        return FormatEventPrefix(buffer, *record, function);
     }
     SYSTEMTIME now;
     GetLocalTime(&now);
-    FormatTimestamp(now, timestamp);
-    return FormatInto(buffer, kLineBufferSize, "%s %s (%.4x-%.4x) [%ws] ", timestamp,
-                      LevelTag(level), static_cast<unsigned>(GetCurrentProcessId()),
-                      static_cast<unsigned>(GetCurrentThreadId()), function);
+    return FormatPlainPrefix(buffer, now, level, GetCurrentProcessId(), GetCurrentThreadId(),
+                             function);
 }
 
 // Formats one line into the shared buffer and writes it with one write and
-// one flush. Messages that do not fit are cut; the line end needs no room of
-// its own because it replaces the terminating null.
+// one flush. The line end needs no room of its own because it replaces the
+// terminating null.
 void WriteLine(LogState& state, FILE* stream, const logonmon::EventRecordData* record,
                uint32_t level, const wchar_t* function, const char* format, va_list args) {
     char* const buffer = state.LineBuffer();
-    // A failed format ends at its last valid byte, whether it ran out of room
-    // or met an argument it could not convert.
-    const auto validLength = [](const char* text, int length) {
-        return length < 0 ? std::strlen(text) : static_cast<size_t>(length);
-    };
-    const size_t prefixLength = validLength(buffer, FormatPrefix(buffer, record, level, function));
-    const size_t available = kLineBufferSize - prefixLength;
-    const size_t messageLength =
-        validLength(buffer + prefixLength,
-                    logonmon::FormatPrintfToBuffer(buffer + prefixLength, available, format, args));
-    const size_t length = prefixLength + messageLength;
+    const size_t length =
+        AppendLogMessage(buffer, FormatPrefix(buffer, record, level, function), format, args);
     buffer[length] = '\n';
     fwrite(buffer, 1, length + 1, stream);
     fflush(stream);

@@ -1,30 +1,11 @@
 #include "trace/TdhApi.h"
+#include "trace/UnsupportedTdh.h"
 
 namespace logonmon {
 
-namespace {
-
-// There is no TDH off Windows: every event decodes without a schema.
-class UnsupportedTdh final : public TdhApi {
-  public:
-    uint32_t GetEventInformation(const EVENT_RECORD&, TRACE_EVENT_INFO*, uint32_t*) override {
-        return etw::kErrorNotSupported;
-    }
-    uint32_t GetPropertySize(const EVENT_RECORD&, const PROPERTY_DATA_DESCRIPTOR&,
-                             uint32_t*) override {
-        return etw::kErrorNotSupported;
-    }
-    uint32_t GetProperty(const EVENT_RECORD&, const PROPERTY_DATA_DESCRIPTOR&, uint32_t,
-                         uint8_t*) override {
-        return etw::kErrorNotSupported;
-    }
-};
-
-}  // namespace
-
+// There is no TDH off Windows.
 TdhApi& DefaultTdh() {
-    static UnsupportedTdh tdh;
-    return tdh;
+    return UnsupportedTdh();
 }
 
 }  // namespace logonmon

@@ -1,0 +1,79 @@
+#include "log/LogLineFormat.h"
+
+#include <cstring>
+
+#include "log/LogWriter.h"
+#include "logonmon/PrintfFormat.h"
+#include "trace/EventRecordData.h"
+#include "trace/TextForms.h"
+
+namespace {
+
+constexpr size_t kTimestampSize = 24;
+
+// Returns the length written, or -1 when the text did not fit or could not be
+// converted.
+int FormatInto(char* buffer, size_t size, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int length = logonmon::FormatPrintfToBuffer(buffer, size, format, args);
+    va_end(args);
+    return length;
+}
+
+void FormatTimestamp(const SYSTEMTIME& time, char (&text)[kTimestampSize]) {
+    FormatInto(text, kTimestampSize, "%04d-%02d-%02dT%02d:%02d:%02d.%03d", time.wYear, time.wMonth,
+               time.wDay, time.wHour, time.wMinute, time.wSecond, time.wMilliseconds);
+}
+
+}  // namespace
+
+const char* LevelTag(uint32_t level) {
+    static constexpr struct {
+        uint32_t bit;
+        const char* tag;
+    } kTags[] = {
+        {LOG_LEVEL_ERROR, "ERROR"}, {LOG_LEVEL_INFO, "INFO"},   {LOG_LEVEL_DEBUG, "DEBUG"},
+        {LOG_LEVEL_TRACE, "TRACE"}, {LOG_LEVEL_FATAL, "FATAL"},
+    };
+    for (const auto& entry : kTags) {
+        if ((level & entry.bit) != 0) {
+            return entry.tag;
+        }
+    }
+    return "NONE";
+}
+
+int FormatEventPrefix(char* buffer, const logonmon::EventRecordData& record,
+                      const wchar_t* function) {
+    char timestamp[kTimestampSize];
+    // The event's own time, so that a replayed trace shows the trace's times.
+    FormatTimestamp(
+        logonmon::UtcToLocalSystemTime(logonmon::FileTimeToUtcSystemTime(record.timestamp)),
+        timestamp);
+    const wchar_t* source = record.providerName.empty() ? function : record.providerName.c_str();
+    return FormatInto(buffer, kLogLineBufferSize, "%s %ws (%ws) [%04d] [%ws] ", timestamp,
+                      record.LevelName().c_str(), record.LogPrefix().c_str(),
+                      static_cast<int>(record.eventId), source);
+}
+
+int FormatPlainPrefix(char* buffer, const SYSTEMTIME& now, uint32_t level, uint32_t processId,
+                      uint32_t threadId, const wchar_t* function) {
+    char timestamp[kTimestampSize];
+    FormatTimestamp(now, timestamp);
+    return FormatInto(buffer, kLogLineBufferSize, "%s %s (%.4x-%.4x) [%ws] ", timestamp,
+                      LevelTag(level), static_cast<unsigned>(processId),
+                      static_cast<unsigned>(threadId), function);
+}
+
+size_t AppendLogMessage(char* buffer, int prefixLength, const char* format, va_list args) {
+    // A failed format ends at its last valid byte, whether it ran out of room
+    // or met an argument it could not convert.
+    const auto validLength = [](const char* text, int length) {
+        return length < 0 ? std::strlen(text) : static_cast<size_t>(length);
+    };
+    const size_t prefix = validLength(buffer, prefixLength);
+    const size_t available = kLogLineBufferSize - prefix;
+    return prefix + validLength(buffer + prefix, logonmon::FormatPrintfToBuffer(
+                                                     buffer + prefix, available, format, args));
+}

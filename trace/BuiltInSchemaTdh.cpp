@@ -1,0 +1,237 @@
+#include "trace/BuiltInSchemaTdh.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <array>
+#include <string>
+#include <string_view>
+#include <tuple>
+
+namespace logonmon {
+
+namespace {
+
+using namespace etw;
+
+constexpr size_t kFixedPartSize = offsetof(TRACE_EVENT_INFO, EventPropertyInfoArray);
+constexpr uint16_t kHeaderFlag32BitHeader = 0x0020;  // EVENT_HEADER_FLAG_32_BIT_HEADER
+constexpr uint32_t kPropertyParamFixedLength = 0x10;
+constexpr size_t kSidFixedPart = 8;  // revision, count, authority
+constexpr size_t kSidSubAuthoritySize = 4;
+constexpr size_t kSidSubAuthorityCountOffset = 1;
+
+auto Key(const GUID& provider, uint16_t eventId, uint8_t version) {
+    uint8_t bytes[sizeof(GUID)];
+    std::memcpy(bytes, &provider, sizeof bytes);
+    return std::make_tuple(std::to_array(bytes), eventId, version);
+}
+
+auto KeyOf(const BuiltInEventSchema& schema) {
+    return Key(schema.provider, schema.eventId, schema.version);
+}
+
+size_t TextUnits(const char16_t* text) {
+    return std::char_traits<char16_t>::length(text);
+}
+
+// TRACE_EVENT_INFO with its property entries, then every text.
+std::vector<uint8_t> SerializeSchema(const BuiltInEventSchema& schema) {
+    const size_t entries = std::max<size_t>(schema.propertyCount, 1);
+    std::vector<uint8_t> info(kFixedPartSize + entries * sizeof(EVENT_PROPERTY_INFO), 0);
+    auto addText = [&info](const char16_t* text) -> uint32_t {
+        if (text == nullptr) {
+            return 0;
+        }
+        const auto offset = static_cast<uint32_t>(info.size());
+        const size_t bytes = (TextUnits(text) + 1) * sizeof(char16_t);
+        info.resize(info.size() + bytes);
+        std::memcpy(info.data() + offset, text, bytes);
+        return offset;
+    };
+
+    TRACE_EVENT_INFO fixed{};
+    fixed.ProviderGuid = schema.provider;
+    fixed.ProviderNameOffset = addText(schema.providerName);
+    fixed.TaskNameOffset = addText(schema.taskName);
+    fixed.OpcodeNameOffset = addText(schema.opcodeName);
+    fixed.PropertyCount = schema.propertyCount;
+    fixed.TopLevelPropertyCount = schema.propertyCount;
+    std::memcpy(info.data(), &fixed, kFixedPartSize);
+
+    for (uint16_t i = 0; i < schema.propertyCount; ++i) {
+        const BuiltInProperty& property = schema.properties[i];
+        EVENT_PROPERTY_INFO entry{};
+        entry.Flags = static_cast<decltype(entry.Flags)>(
+            property.length != 0 ? kPropertyParamFixedLength : 0);
+        entry.NameOffset = addText(property.name);
+        entry.nonStructType.InType = property.inType;
+        entry.nonStructType.OutType = property.outType;
+        entry.count = 1;
+        entry.length = property.length;
+        std::memcpy(info.data() + kFixedPartSize + i * sizeof entry, &entry, sizeof entry);
+    }
+    return info;
+}
+
+// Bytes up to and including the first null element of `unit` bytes; all of
+// them when none is there.
+size_t TerminatedSize(const uint8_t* data, size_t available, size_t unit) {
+    for (size_t at = 0; at + unit <= available; at += unit) {
+        if (std::all_of(data + at, data + at + unit, [](uint8_t b) { return b == 0; })) {
+            return at + unit;
+        }
+    }
+    return available;
+}
+
+// The size the property takes at `data`, where `available` bytes remain.
+size_t PropertySize(const BuiltInProperty& property, const uint8_t* data, size_t available,
+                    bool pointer32) {
+    switch (property.inType) {
+        case kInTypeUnicodeString:
+            return property.length != 0 ? size_t{property.length} * sizeof(char16_t)
+                                        : TerminatedSize(data, available, sizeof(char16_t));
+        case kInTypeAnsiString:
+            return property.length != 0 ? property.length : TerminatedSize(data, available, 1);
+        case kInTypeBinary:
+            return property.length;
+        case kInTypeInt8:
+        case kInTypeUInt8:
+            return 1;
+        case kInTypeInt16:
+        case kInTypeUInt16:
+            return 2;
+        case kInTypeInt32:
+        case kInTypeUInt32:
+        case kInTypeFloat:
+        case kInTypeBoolean:
+        case kInTypeHexInt32:
+            return 4;
+        case kInTypeInt64:
+        case kInTypeUInt64:
+        case kInTypeDouble:
+        case kInTypeFileTime:
+        case kInTypeHexInt64:
+            return 8;
+        case kInTypePointer:
+            return pointer32 ? 4 : 8;
+        case kInTypeGuid:
+        case kInTypeSystemTime:
+            return 16;
+        case kInTypeSid:
+            return available > kSidSubAuthorityCountOffset
+                       ? kSidFixedPart + kSidSubAuthoritySize * data[kSidSubAuthorityCountOffset]
+                       : available;
+        default:
+            return 0;
+    }
+}
+
+const char16_t* DescriptorName(const PROPERTY_DATA_DESCRIPTOR& descriptor) {
+    return reinterpret_cast<const char16_t*>(static_cast<uintptr_t>(descriptor.PropertyName));
+}
+
+}  // namespace
+
+BuiltInSchemaTdh::BuiltInSchemaTdh(TdhApi& fallback) : fallback_(fallback) {
+    for (const BuiltInEventSchema& schema : BuiltInEventSchemas()) {
+        entries_.push_back(Entry{&schema, SerializeSchema(schema)});
+    }
+    std::sort(entries_.begin(), entries_.end(), [](const Entry& left, const Entry& right) {
+        return KeyOf(*left.schema) < KeyOf(*right.schema);
+    });
+}
+
+const BuiltInSchemaTdh::Entry* BuiltInSchemaTdh::Find(const EVENT_RECORD& event) const {
+    const EVENT_DESCRIPTOR& descriptor = event.EventHeader.EventDescriptor;
+    const auto wanted = Key(event.EventHeader.ProviderId, descriptor.Id, descriptor.Version);
+    const auto found = std::lower_bound(
+        entries_.begin(), entries_.end(), wanted,
+        [](const Entry& entry, const auto& key) { return KeyOf(*entry.schema) < key; });
+    return found != entries_.end() && KeyOf(*found->schema) == wanted ? &*found : nullptr;
+}
+
+bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,
+                              const PROPERTY_DATA_DESCRIPTOR& descriptor, Span* span) {
+    const char16_t* name = DescriptorName(descriptor);
+    if (name == nullptr) {
+        return false;
+    }
+    const std::u16string_view wanted(name);
+    const auto* data = static_cast<const uint8_t*>(event.UserData);
+    const size_t total = data != nullptr ? event.UserDataLength : 0;
+    const bool pointer32 = (event.EventHeader.Flags & kHeaderFlag32BitHeader) != 0;
+    size_t offset = 0;
+    for (uint16_t i = 0; i < entry.schema->propertyCount; ++i) {
+        const BuiltInProperty& property = entry.schema->properties[i];
+        const size_t available = total - offset;
+        const size_t size =
+            std::min(PropertySize(property, data + offset, available, pointer32), available);
+        if (wanted == property.name) {
+            *span = Span{offset, size};
+            return true;
+        }
+        offset += size;
+    }
+    return false;
+}
+
+uint32_t BuiltInSchemaTdh::GetEventInformation(const EVENT_RECORD& event, TRACE_EVENT_INFO* buffer,
+                                               uint32_t* bufferSize) {
+    const Entry* entry = Find(event);
+    if (entry == nullptr) {
+        return fallback_.GetEventInformation(event, buffer, bufferSize);
+    }
+    const auto size = static_cast<uint32_t>(entry->info.size());
+    const bool fits = buffer != nullptr && *bufferSize >= size;
+    *bufferSize = size;
+    if (!fits) {
+        return kErrorInsufficientBuffer;
+    }
+    std::memcpy(buffer, entry->info.data(), size);
+    buffer->EventDescriptor = event.EventHeader.EventDescriptor;
+    return kErrorSuccess;
+}
+
+uint32_t BuiltInSchemaTdh::GetPropertySize(const EVENT_RECORD& event,
+                                           const PROPERTY_DATA_DESCRIPTOR& descriptor,
+                                           uint32_t* propertySize) {
+    const Entry* entry = Find(event);
+    if (entry == nullptr) {
+        return fallback_.GetPropertySize(event, descriptor, propertySize);
+    }
+    Span span{};
+    if (!Locate(*entry, event, descriptor, &span)) {
+        return kErrorNotFound;
+    }
+    *propertySize = static_cast<uint32_t>(span.size);
+    return kErrorSuccess;
+}
+
+uint32_t BuiltInSchemaTdh::GetProperty(const EVENT_RECORD& event,
+                                       const PROPERTY_DATA_DESCRIPTOR& descriptor,
+                                       uint32_t bufferSize, uint8_t* buffer) {
+    const Entry* entry = Find(event);
+    if (entry == nullptr) {
+        return fallback_.GetProperty(event, descriptor, bufferSize, buffer);
+    }
+    Span span{};
+    if (!Locate(*entry, event, descriptor, &span)) {
+        return kErrorNotFound;
+    }
+    if (bufferSize < span.size) {
+        return kErrorInsufficientBuffer;
+    }
+    if (span.size != 0) {
+        std::memcpy(buffer, static_cast<const uint8_t*>(event.UserData) + span.offset, span.size);
+    }
+    return kErrorSuccess;
+}
+
+TdhApi& BuiltInSchemaBinding() {
+    static BuiltInSchemaTdh tdh;
+    return tdh;
+}
+
+}  // namespace logonmon

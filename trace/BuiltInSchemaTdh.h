@@ -1,0 +1,53 @@
+// Serves the built-in schemas (trace/BuiltInSchemaTable.h) through the TDH
+// seam: TRACE_EVENT_INFO buffers with the names and in-types of an event's
+// properties, and the properties' sizes and bytes read from its payload.
+// Events without a built-in schema for their provider, id and version go to
+// a fallback.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "trace/BuiltInSchemaTable.h"
+#include "trace/SchemaFallback.h"
+#include "trace/TdhApi.h"
+
+namespace logonmon {
+
+class BuiltInSchemaTdh final : public TdhApi {
+  public:
+    explicit BuiltInSchemaTdh(TdhApi& fallback = SchemaFallbackTdh());
+
+    uint32_t GetEventInformation(const EVENT_RECORD& event, TRACE_EVENT_INFO* buffer,
+                                 uint32_t* bufferSize) override;
+    // A property that the payload ends in keeps the bytes that are there; one
+    // after its end is empty. Either way the event is still decoded.
+    uint32_t GetPropertySize(const EVENT_RECORD& event, const PROPERTY_DATA_DESCRIPTOR& descriptor,
+                             uint32_t* propertySize) override;
+    uint32_t GetProperty(const EVENT_RECORD& event, const PROPERTY_DATA_DESCRIPTOR& descriptor,
+                         uint32_t bufferSize, uint8_t* buffer) override;
+
+  private:
+    struct Entry {
+        const BuiltInEventSchema* schema;
+        std::vector<uint8_t> info;  // TRACE_EVENT_INFO as TDH would return it
+    };
+    struct Span {
+        size_t offset;
+        size_t size;
+    };
+
+    const Entry* Find(const EVENT_RECORD& event) const;
+    // Where the named property lies in the payload; false for a name the
+    // schema does not have.
+    static bool Locate(const Entry& entry, const EVENT_RECORD& event,
+                       const PROPERTY_DATA_DESCRIPTOR& descriptor, Span* span);
+
+    TdhApi& fallback_;
+    std::vector<Entry> entries_;  // in the table's order
+};
+
+// The built-in schemas over the platform's fallback, for the whole process.
+TdhApi& BuiltInSchemaBinding();
+
+}  // namespace logonmon
