@@ -29,6 +29,9 @@ struct ConsumeScript {
     ULONG result = ERROR_SUCCESS;
     // Thrown instead of ending, as a reader that runs out of memory would.
     bool throwBadAlloc = false;
+    // Run on the consumer thread before and after the events.
+    std::function<void()> beforeEvents{};
+    std::function<void()> afterEvents{};
 };
 
 class FakeEtwConsume final : public logonmon::EtwConsumeApi {
@@ -91,10 +94,16 @@ class FakeEtwConsume final : public logonmon::EtwConsumeApi {
         if (onProcessing) {
             onProcessing(processing);
         }
+        if (script.beforeEvents) {
+            script.beforeEvents();
+        }
         for (const TestEvent& event : script.events) {
             EventBuilder builder;
             Describe(event, builder);
             callback(const_cast<EVENT_RECORD*>(&builder.Record()));
+        }
+        if (script.afterEvents) {
+            script.afterEvents();
         }
         if (script.throwBadAlloc) {
             throw std::bad_alloc();
