@@ -1,18 +1,17 @@
-// One owner for every kind of system handle: a traits type names the value
-// that means "none" and the call that closes it.
+// One owner for every kind of operating-system handle: the value and the
+// function that releases it, called from the destructor.
 #pragma once
 
 #include <windows.h>
 
 #include <utility>
 
-template <typename Traits>
+// Owns a `T` released by `Close`; a value-initialised `T` owns nothing.
+template <typename T, auto Close>
 class UniqueAny {
   public:
-    using Value = typename Traits::Value;
-
     UniqueAny() = default;
-    explicit UniqueAny(Value value) : value_(value) {}
+    explicit UniqueAny(T value) : value_(value) {}
     ~UniqueAny() { Reset(); }
     UniqueAny(UniqueAny&& other) noexcept : value_(other.Release()) {}
     UniqueAny& operator=(UniqueAny&& other) noexcept {
@@ -22,26 +21,43 @@ class UniqueAny {
     UniqueAny(const UniqueAny&) = delete;
     UniqueAny& operator=(const UniqueAny&) = delete;
 
-    Value Get() const { return value_; }
-    explicit operator bool() const { return value_ != Traits::None(); }
+    T Get() const { return value_; }
+    explicit operator bool() const { return value_ != T{}; }
 
-    // Closes the value held before, if any, and holds `value`.
-    void Reset(Value value = Traits::None()) {
-        if (value_ != Traits::None()) {
-            Traits::Close(value_);
+    // Gives up ownership without releasing.
+    T Release() { return std::exchange(value_, T{}); }
+    // Releases what is held and takes `value`.
+    void Reset(T value = T{}) {
+        const T old = std::exchange(value_, value);
+        if (old != T{}) {
+            Close(old);
         }
-        value_ = value;
     }
-    Value Release() { return std::exchange(value_, Traits::None()); }
 
   private:
-    Value value_ = Traits::None();
+    T value_{};
 };
 
-// Kernel objects that report failure as null: threads, events, tokens.
-struct KernelHandleTraits {
-    using Value = HANDLE;
-    static Value None() { return nullptr; }
-    static void Close(Value value) { CloseHandle(value); }
-};
-using UniqueHandle = UniqueAny<KernelHandleTraits>;
+namespace handle_close {
+// Calls that hand back INVALID_HANDLE_VALUE for failure leave nothing to close.
+inline void CloseHandleIfValid(HANDLE handle) {
+    if (handle != INVALID_HANDLE_VALUE) {
+        CloseHandle(handle);
+    }
+}
+inline void FindCloseIfValid(HANDLE find) {
+    if (find != INVALID_HANDLE_VALUE) {
+        FindClose(find);
+    }
+}
+inline void LocalFreeMemory(void* memory) {
+    LocalFree(memory);
+}
+}  // namespace handle_close
+
+// Kernel objects: events, threads, processes, files.
+using UniqueHandle = UniqueAny<HANDLE, &handle_close::CloseHandleIfValid>;
+// A search opened with FindFirstFileW.
+using UniqueFindHandle = UniqueAny<HANDLE, &handle_close::FindCloseIfValid>;
+// Memory the system allocated with LocalAlloc for the caller.
+using UniqueLocalMemory = UniqueAny<void*, &handle_close::LocalFreeMemory>;
