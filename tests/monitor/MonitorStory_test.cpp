@@ -5,9 +5,7 @@
 
 #include <algorithm>
 
-#include "app/Settings.h"
 #include "tests/monitor/MonitorFixture.h"
-#include "trace/UniqueHandle.h"
 
 namespace plmx::testing {
 namespace {
@@ -15,22 +13,19 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 
-uint64_t At(uint32_t second, uint32_t millisecond = 0) {
-    return kMorning + second * kSecond + millisecond * 10'000ull;
-}
-
-TestEvent OnSession(TestEvent event, const wchar_t* provider, uint16_t id, uint32_t second,
-                    std::vector<PropertyDefinition> properties) {
+TestEvent Event(const wchar_t* provider, uint16_t id, uint32_t second,
+                std::vector<PropertyDefinition> properties, const std::wstring& sid = {}) {
+    TestEvent event;
     event.provider = provider;
     event.id = id;
+    event.time = kMorning + second * kSecond;
     event.session = 2;
-    event.time = At(second);
     event.properties = std::move(properties);
+    if (!sid.empty()) {  // the profile service names the user and works on its own thread
+        event.sid = sid;
+        event.thread = 0x300;
+    }
     return event;
-}
-TestEvent Event(const wchar_t* provider, uint16_t id, uint32_t second,
-                std::vector<PropertyDefinition> properties = {}) {
-    return OnSession({}, provider, id, second, std::move(properties));
 }
 
 class Signal {
@@ -49,24 +44,21 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
     TempFolder remote;
     const auto monitor = Monitor(FLAG_ENABLE_PROCESS_TIMINGS, remote.Path());
 
-    // Winlogon, the profile service and Group Policy on the timing session;
-    // the session ends by itself once and is restarted meanwhile.
-    TestEvent profileEvent;
-    profileEvent.sid = user;
-    profileEvent.thread = 0x300;
+    // Winlogon, the profile service and Group Policy on the timing session,
+    // which ends by itself once and is restarted meanwhile; the logon script
+    // on the diagnostic session; then the shell.
     const std::vector<TestEvent> untilPolicy = {
-        CreateSession(2, user, At(0)),
-        Login(2, user, At(1)),
-        SubscriberEvent(811, 1, kLogin, L"Profiles", 2, At(1, 100)),
-        OnSession(profileEvent, kUserProfilesGuid, 6, 2,
-                  {StringProperty(L"Source", L"\\\\fs\\profiles\\alice"),
-                   StringProperty(L"Target", L"C:\\Users\\alice")}),
-        OnSession(profileEvent, kUserProfilesGuid, 7, 3, {}),
-        OnSession(profileEvent, kUserProfilesGuid, 5, 4,
-                  {StringProperty(L"File", L"C:\\Users\\alice\\NTUSER.DAT")}),
-        OnSession(profileEvent, kUserProfilesGuid, 67, 4,
-                  {StringProperty(L"LocalPath", L"C:\\Users\\alice")}),
-        SubscriberEvent(812, 2, kLogin, L"Profiles", 2, At(5)),
+        CreateSession(2, user, kMorning),
+        Login(2, user, kMorning + kSecond),
+        SubscriberEvent(811, 1, kLogin, L"Profiles", 2, kMorning + kSecond + kSecond / 10),
+        Event(kUserProfilesGuid, 6, 2,
+              {StringProperty(L"Source", L"\\\\fs\\profiles\\alice"),
+               StringProperty(L"Target", L"C:\\Users\\alice")},
+              user),
+        Event(kUserProfilesGuid, 7, 3, {}, user),
+        Event(kUserProfilesGuid, 5, 4, {StringProperty(L"File", L"C:\\Users\\alice\\NTUSER.DAT")},
+              user),
+        SubscriberEvent(812, 2, kLogin, L"Profiles", 2, kMorning + 5 * kSecond),
         Event(kGroupPolicyGuid, 4016, 6,
               {StringProperty(L"CSEExtensionName", L"Registry"),
                StringProperty(L"IsExtensionAsyncProcessing", L"false"),
@@ -75,36 +67,32 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
               {StringProperty(L"CSEExtensionName", L"Registry"),
                StringProperty(L"CSEElaspedTimeInMilliSeconds", L"1200"),
                UInt32Property(L"ErrorCode", 0)}),
-        Event(kGroupPolicyGuid, 8001, 8, {StringProperty(L"PolicyElaspedTimeInSeconds", L"2")}),
     };
-    // The logon script, on the diagnostic session's thread.
     const std::vector<TestEvent> script = {
         Event(kKernelProcessGuid, 1, 9,
               {UInt32Property(L"ProcessID", 900), UInt32Property(L"ParentProcessID", 50),
-               StringProperty(L"ImageName",
-                              L"\\Device\\HarddiskVolume3\\Windows\\System32\\gpscript.exe")}),
+               StringProperty(L"ImageName", L"\\Device\\HarddiskVolume3\\Windows\\gpscript.exe")}),
         Event(kKernelProcessGuid, 2, 12,
               {UInt32Property(L"ProcessID", 900), StringProperty(L"ImageName", L"gpscript.exe"),
                StringProperty(L"CreateTime", L"2024-03-01T08:00:09:000Z"),
                StringProperty(L"ExitTime", L"2024-03-01T08:00:12:500Z")}),
     };
     const std::vector<TestEvent> shell = {
-        NotifyStop(kLogin, 2, At(13)),
-        NotifyStart(kStartShell, 2, At(20)),
-        NotifyStop(kStartShell, 2, At(21)),
-        ShellInitialized(2, At(25)),
+        NotifyStop(kLogin, 2, kMorning + 13 * kSecond),
+        NotifyStart(kStartShell, 2, kMorning + 20 * kSecond),
+        NotifyStop(kStartShell, 2, kMorning + 21 * kSecond),
+        ShellInitialized(2, kMorning + 25 * kSecond),
     };
     Signal policyDone, scriptDone, stop;
-    consume_.Queue(L"logonmon_timing",
-                   {.events = untilPolicy, .afterEvents = [&] { policyDone.Set(); }});
+    consume_.Queue(L"logonmon_timing", {.events = untilPolicy, .after = [&] { policyDone.Set(); }});
     consume_.Queue(L"logonmon_diag_trace_rt", {.events = script,
                                                .untilClosed = true,
-                                               .beforeEvents = [&] { policyDone.Wait(); },
-                                               .afterEvents = [&] { scriptDone.Set(); }});
+                                               .before = [&] { policyDone.Wait(); },
+                                               .after = [&] { scriptDone.Set(); }});
     consume_.Queue(L"logonmon_timing", {.events = shell,
                                         .untilClosed = true,
-                                        .beforeEvents = [&] { scriptDone.Wait(); },
-                                        .afterEvents = [&] { stop.Set(); }});
+                                        .before = [&] { scriptDone.Wait(); },
+                                        .after = [&] { stop.Set(); }});
 
     monitor->RunRealTime(stop.Get());
 
@@ -114,38 +102,37 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
     const std::string name = Narrow(files[0]);
     EXPECT_THAT(name, MatchesRegex("plmx_session_\\w+-\\w+-\\w+-\\w+-\\w+_2\\.txt"));
     EXPECT_EQ(name.size(), std::string("plmx_session__2.txt").size() + 36);
-    const std::string prefix = "INFO [logonmon::LogonProcessor::LogSummary] ";
+    const std::string summary = "INFO [logonmon::LogonProcessor::LogSummary] ";
     const std::string fixed =
         "INFO [logonmon::LogonProcessor::LogSummary::<lambda_1>::operator ()] ";
-    const std::vector<std::string> expected = {
+    const Lines expected = {
         "INFO [LogonMonitor::OnLogonStart] Opened Session Log: " +
             Narrow(Settings::Instance().LogPath) + name,
-        // The settings block, then what the monitor leaves out.
         "INFO [LogSettings] Log History Depth: 10",
         "INFO [LogonMonitor::OnLogonStart] Process CPU/memory sampling disabled",
-        prefix + "****************** Session Summary (User=alice, sessionId=2) *****************",
-        prefix +
+        summary + "****************** Session Summary (User=alice, sessionId=2) *****************",
+        summary +
             "TotalLogon           2024-03-01T08:00:01:000 - 2024-03-01T08:00:25:000 (dur "
             "24.00 seconds)",
         fixed + "Profile Sync Time: 1.00 seconds",
         fixed + "Shell Load Time: 5.00 seconds",
-        prefix + "Total Group Policy Logon Script Time: 3.50 seconds",
-        prefix + "     CSE: 'Registry' Duration: 1200ms",
+        summary + "Total Group Policy Logon Script Time: 3.50 seconds",
+        summary + "     CSE: 'Registry' Duration: 1200ms",
     };
-    const auto log = SessionLog(files[0]);
-    auto previous = log.begin();
+    const Lines log = SessionLog(files[0]);
+    auto next = log.begin();
     for (const std::string& line : expected) {
-        const auto found = std::find(previous, log.end(), line);
+        const auto found = std::find(next, log.end(), line);
         EXPECT_NE(found, log.end()) << "missing or out of order: " << line;
-        previous = found == log.end() ? previous : found;
+        next = found == log.end() ? next : found;
     }
-    EXPECT_EQ(tokens_.queriedSessions, std::vector<ULONG>{2});
+    EXPECT_EQ(tokens_.queried, std::vector<ULONG>{2});
 
-    // The main log only saw the session before its log opened: the events
-    // that created it and began the logon.
+    // The main log only saw the events that created the session and began the
+    // logon, before its log opened.
     for (const std::string& line : ReadLines(mainLog_.Path())) {
         if (line.find("-2) [") != std::string::npos) {
-            EXPECT_THAT(line, HasSubstr("-2) [0801] ")) << line;
+            EXPECT_THAT(line, HasSubstr("-2) [0801] "));
         }
     }
 }
