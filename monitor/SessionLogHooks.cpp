@@ -7,6 +7,7 @@
 #include "app/Settings.h"
 #include "log/LogWriter.h"
 #include "log/SessionLog.h"
+#include "log/SessionLogArchive.h"
 #include "logonmon/SessionContext.h"
 #include "monitor/LogonMonitor.h"
 
@@ -19,6 +20,15 @@ constexpr uint32_t kLogonEndTokenTimeoutMs = 5000;
 std::wstring SessionLogPath(const SessionLog& log, uint32_t sessionId) {
     return Settings::Instance().LogPath + L"plmx_session_" + log.logId + L"_" +
            std::to_wstring(sessionId) + L".txt";
+}
+
+// The account name after the domain, when there is one.
+std::wstring WithoutDomain(const std::wstring& userName) {
+    const size_t separator = userName.rfind(L'\\');
+    if (separator == std::wstring::npos || separator + 1 == userName.size()) {
+        return userName;
+    }
+    return userName.substr(separator + 1);
 }
 
 }  // namespace
@@ -59,5 +69,8 @@ void LogonMonitor::OnLogonEnd(logonmon::SESSION_CONTEXT& session) {
                         kLogonEndTokenTimeoutMs);
     }
     LogSummary(session);
+    if (log->stream != nullptr) {
+        RollSessionLogFile(*log, session.sessionId, WithoutDomain(userName), log->userToken);
+    }
     CloseSessionLog(*log);
 }

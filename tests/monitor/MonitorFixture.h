@@ -194,7 +194,7 @@ class MonitorTest : public ::testing::Test {
     std::vector<std::wstring> SessionLogFiles() const {
         std::vector<std::wstring> names;
         for (const auto& entry : std::filesystem::directory_iterator(folder_.Path())) {
-            if (entry.path().filename().wstring().starts_with(L"plmx_session_")) {
+            if (entry.path().filename().wstring().starts_with(L"plmx_")) {
                 names.push_back(entry.path().filename().wstring());
             }
         }

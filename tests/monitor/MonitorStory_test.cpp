@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "app/LogSettings.h"
 #include "tests/monitor/MonitorFixture.h"
 
 namespace plmx::testing {
@@ -41,8 +42,12 @@ class Signal {
 TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
     const std::wstring user = ProcessUserSid();
     accounts_.accounts[user] = {L"CORP", L"alice"};
+    ComputerNames::Instance().computerName = L"DESK01";
+    // The remote folder through its drive's administrative share.
     TempFolder remote;
-    const auto monitor = Monitor(FLAG_ENABLE_PROCESS_TIMINGS, remote.Path());
+    const std::wstring share = L"\\\\localhost\\" + remote.Path().substr(0, 1) + L"$" +
+                               remote.Path().substr(2, remote.Path().size() - 3);
+    const auto monitor = Monitor(FLAG_ENABLE_PROCESS_TIMINGS, share);
 
     // Winlogon, the profile service and Group Policy on the timing session,
     // which ends by itself once and is restarted meanwhile; the logon script
@@ -96,18 +101,21 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
 
     monitor->RunRealTime(stop.Get());
 
-    // Its own log, named by a fresh identifier and the session.
+    ComputerNames::Instance() = {};
+    // Its own log, named by a fresh identifier and the session, then archived
+    // under the computer, the user and the time.
     const auto files = SessionLogFiles();
     ASSERT_EQ(files.size(), 1u);
-    const std::string name = Narrow(files[0]);
-    EXPECT_THAT(name, MatchesRegex("plmx_session_\\w+-\\w+-\\w+-\\w+-\\w+_2\\.txt"));
-    EXPECT_EQ(name.size(), std::string("plmx_session__2.txt").size() + 36);
+    EXPECT_THAT(Narrow(files[0]),
+                MatchesRegex("plmx__DESK01_alice_\\d+_\\d+_\\d+__\\d+_\\d+_\\d+_\\d+\\.txt"));
     const std::string summary = "INFO [logonmon::LogonProcessor::LogSummary] ";
     const std::string fixed =
         "INFO [logonmon::LogonProcessor::LogSummary::<lambda_1>::operator ()] ";
+    const Lines log = SessionLog(files[0]);
+    EXPECT_THAT(log.front(),
+                MatchesRegex("INFO \\[LogonMonitor::OnLogonStart\\] Opened Session Log: .*"
+                             "\\\\plmx_session_\\w+-\\w+-\\w+-\\w+-\\w+_2\\.txt"));
     const Lines expected = {
-        "INFO [LogonMonitor::OnLogonStart] Opened Session Log: " +
-            Narrow(Settings::Instance().LogPath) + name,
         "INFO [LogSettings] Log History Depth: 10",
         "INFO [LogonMonitor::OnLogonStart] Process CPU/memory sampling disabled",
         summary + "****************** Session Summary (User=alice, sessionId=2) *****************",
@@ -119,7 +127,6 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
         summary + "Total Group Policy Logon Script Time: 3.50 seconds",
         summary + "     CSE: 'Registry' Duration: 1200ms",
     };
-    const Lines log = SessionLog(files[0]);
     auto next = log.begin();
     for (const std::string& line : expected) {
         const auto found = std::find(next, log.end(), line);
@@ -127,11 +134,18 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
         next = found == log.end() ? next : found;
     }
     EXPECT_EQ(tokens_.queried, std::vector<ULONG>{2});
+    // A copy on the share, as the user.
+    std::vector<std::filesystem::path> copies(std::filesystem::directory_iterator(remote.Path()),
+                                              {});
+    ASSERT_EQ(copies.size(), 1u);
+    EXPECT_THAT(copies[0].filename().string(), MatchesRegex("DESK01_alice_2_.*\\.txt"));
+    EXPECT_EQ(ReadFileBytes(copies[0].wstring()), ReadFileBytes(folder_.Path() + files[0]));
 
-    // The main log only saw the events that created the session and began the
-    // logon, before its log opened.
+    // The main log only saw the session before its log opened (the events
+    // that created it and began the logon) and after it was archived.
     for (const std::string& line : ReadLines(mainLog_.Path())) {
-        if (line.find("-2) [") != std::string::npos) {
+        if (line.find("-2) [") != std::string::npos &&
+            line.find("[UploadLogFile]") == std::string::npos) {
             EXPECT_THAT(line, HasSubstr("-2) [0801] "));
         }
     }
