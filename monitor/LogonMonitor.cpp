@@ -6,6 +6,8 @@
 
 #include "app/Settings.h"
 #include "log/LogWriter.h"
+#include "log/SessionLog.h"
+#include "monitor/UsageReport.h"
 
 namespace {
 
@@ -38,6 +40,7 @@ LogonMonitor::LogonMonitor() : LogonMonitor(MonitorServices{}) {}
 LogonMonitor::LogonMonitor(const MonitorServices& services)
     : LogonProcessor({}, services.processor),
       seams_(services),
+      perfCounters_(*services.pdh),
       timing_(logonmon::Controller::Timing(), *services.consume),
       diagnostic_(logonmon::Controller::Diagnostic(), *services.consume),
       samplingEnabled_(FlagOn(FLAG_ENABLE_CPU_MEMORY_TIMINGS)),
@@ -126,6 +129,35 @@ void LogonMonitor::PreHandleEventRecord(const EVENT_RECORD* eventRecord) {
         LogMessage(nullptr, LOG_LEVEL_ERROR, L"LogonMonitor::PreHandleEventRecord", "Exception: %s",
                    exception.what());
     }
+}
+
+void LogonMonitor::EnableSampling(bool enable) {
+    if (!samplingEnabled_) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(samplingMutex_);
+    if (enable) {
+        perfCounters_.Initialize();
+    } else {
+        perfCounters_.Close();
+    }
+}
+
+void LogonMonitor::OnTimer() {
+    LogonProcessor::OnTimer();
+    if (!samplingEnabled_) {
+        return;
+    }
+    PerfSample sample;
+    {
+        std::lock_guard<std::mutex> lock(samplingMutex_);
+        if (perfCounters_.Collect(sample) != ERROR_SUCCESS) {
+            return;
+        }
+    }
+    VisitSessions([&sample](logonmon::SESSION_CONTEXT& session) {
+        AccumulateSample(*SessionLogOf(session), sample);
+    });
 }
 
 void LogonMonitor::LogFormatted(uint32_t level, const wchar_t* function, const char* format, ...) {

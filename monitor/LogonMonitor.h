@@ -6,11 +6,14 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 
 #include "log/AccessToken.h"
 #include "logonmon/LogonProcessor.h"
+#include "monitor/PdhApi.h"
+#include "monitor/PerfCounters.h"
 #include "monitor/TraceSessionRunner.h"
 #include "monitor/UserTokenApi.h"
 #include "trace/EtwConsumeApi.h"
@@ -21,6 +24,7 @@ struct MonitorServices {
     logonmon::ProcessorServices processor;
     logonmon::EtwConsumeApi* consume = &logonmon::SystemEtwConsume();
     UserTokenApi* tokens = &SystemUserTokenApi();
+    PdhApi* pdh = &DefaultPdh();
 };
 
 class LogonMonitor : public logonmon::LogonProcessor {
@@ -48,7 +52,11 @@ class LogonMonitor : public logonmon::LogonProcessor {
 
     void OnLogonStart(logonmon::SESSION_CONTEXT& session) override;
     void OnLogonEnd(logonmon::SESSION_CONTEXT& session) override;
+    void EnableSampling(bool enable) override;
+    void LogExtendedSummary(logonmon::SESSION_CONTEXT& session) override;
     void LogFormatted(uint32_t level, const wchar_t* function, const char* format, ...) override;
+    // The timeout check, then one CPU and memory sample for every session.
+    void OnTimer() override;
 
   private:
     // Starts the runner's session and consumer thread; logs and returns
@@ -58,6 +66,9 @@ class LogonMonitor : public logonmon::LogonProcessor {
     static std::wstring QualifiedUserName(const logonmon::SESSION_CONTEXT& session);
 
     const MonitorServices seams_;
+    // Opened and closed on the event thread while the timer ticks.
+    std::mutex samplingMutex_;
+    PerfCounters perfCounters_;
     TraceSessionRunner timing_;
     TraceSessionRunner diagnostic_;
     bool samplingEnabled_;

@@ -5,11 +5,14 @@
 
 #include "app/LogSettings.h"
 #include "app/Settings.h"
+#include "diag/PolicyReport.h"
+#include "diag/ProfileReport.h"
 #include "log/LogWriter.h"
 #include "log/SessionLog.h"
 #include "log/SessionLogArchive.h"
 #include "logonmon/SessionContext.h"
 #include "monitor/LogonMonitor.h"
+#include "monitor/UsageReport.h"
 
 namespace {
 
@@ -52,6 +55,7 @@ void LogonMonitor::OnLogonStart(logonmon::SESSION_CONTEXT& session) {
                    path.c_str());
     }
     LogSettings(&session);
+    LogGPLogonScriptSynchronous(session);
     if (!Settings::Instance().IsFlagOn(FLAG_ENABLE_PROCESS_TIMINGS)) {
         LogMessage(nullptr, LOG_LEVEL_INFO, kOnLogonStartFunction, "Process timings disabled");
     }
@@ -61,6 +65,10 @@ void LogonMonitor::OnLogonStart(logonmon::SESSION_CONTEXT& session) {
     }
 }
 
+void LogonMonitor::LogExtendedSummary(logonmon::SESSION_CONTEXT& session) {
+    LogFreeDiskSpace(*SessionLogOf(session));
+}
+
 void LogonMonitor::OnLogonEnd(logonmon::SESSION_CONTEXT& session) {
     const std::shared_ptr<SessionLog> log = SessionLogOf(session);
     std::wstring userName = QualifiedUserName(session);
@@ -68,6 +76,16 @@ void LogonMonitor::OnLogonEnd(logonmon::SESSION_CONTEXT& session) {
         TryGetUserToken(session.sessionId, session.userSid, userName, log->userToken,
                         kLogonEndTokenTimeoutMs);
     }
+    const Settings& settings = Settings::Instance();
+    // A trace file's profile is not on this machine.
+    if (!settings.IsFlagOn(FLAG_TRACE_FILE_MODE)) {
+        LogProfileSize(session);
+    }
+    if (settings.IsFlagOn(FLAG_ENABLE_CPU_MEMORY_TIMINGS)) {
+        LogCPUUsage(*log);
+        LogMemUsage(*log);
+    }
+    CheckGroupPolicySettings(session);
     LogSummary(session);
     if (log->stream != nullptr) {
         RollSessionLogFile(*log, session.sessionId, WithoutDomain(userName), log->userToken);

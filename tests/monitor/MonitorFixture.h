@@ -6,6 +6,7 @@
 #include <windows.h>
 #include <sddl.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <filesystem>
@@ -143,6 +144,31 @@ class FakeUserTokens final : public UserTokenApi {
     std::vector<ULONG> queried;
 };
 
+// Every counter reads 40 (percent, MB or bytes); counts the readings taken.
+class SteadyPdh final : public PdhApi {
+  public:
+    PDH_STATUS OpenQuery(PDH_HQUERY* query) override {
+        *query = this;
+        return 0;
+    }
+    PDH_STATUS AddCounter(PDH_HQUERY, const char*, PDH_HCOUNTER* counter) override {
+        *counter = this;
+        return 0;
+    }
+    PDH_STATUS CollectQueryData(PDH_HQUERY) override { return 0; }
+    PDH_STATUS CollectQueryDataWithTime(PDH_HQUERY, LONGLONG*) override {
+        ++collected;
+        return 0;
+    }
+    PDH_STATUS GetFormattedCounterValue(PDH_HCOUNTER, DWORD, PDH_FMT_COUNTERVALUE* value) override {
+        value->largeValue = 40;
+        return 0;
+    }
+    PDH_STATUS RemoveCounter(PDH_HCOUNTER) override { return 0; }
+    PDH_STATUS CloseQuery(PDH_HQUERY) override { return 0; }
+    std::atomic<int> collected{0};
+};
+
 // The system's timers, ticking every few milliseconds.
 class FastTimers final : public logonmon::TimerService {
   public:
@@ -183,7 +209,7 @@ class MonitorTest : public ::testing::Test {
         Settings::Instance().Flags = flags;
         Settings::Instance().RemoteLogPath = remote;
         return std::make_unique<LogonMonitor>(
-            MonitorServices{{&timers_, &clock_, &accounts_}, &consume_, &tokens_});
+            MonitorServices{{&timers_, &clock_, &accounts_}, &consume_, &tokens_, &pdh_});
     }
     // "<level> [<source>] <message>" of each line.
     Lines MainLog() const { return Tagged(ReadLines(mainLog_.Path())); }
@@ -207,6 +233,7 @@ class MonitorTest : public ::testing::Test {
     logonmon::testing::RecordingEtwControl control_;
     FakeEtwConsume consume_;
     FakeUserTokens tokens_;
+    SteadyPdh pdh_;
     FakeAccounts accounts_;
     FakeClock clock_;
     FastTimers timers_;

@@ -47,7 +47,8 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
     TempFolder remote;
     const std::wstring share = L"\\\\localhost\\" + remote.Path().substr(0, 1) + L"$" +
                                remote.Path().substr(2, remote.Path().size() - 3);
-    const auto monitor = Monitor(FLAG_ENABLE_PROCESS_TIMINGS, share);
+    const auto monitor =
+        Monitor(FLAG_ENABLE_PROCESS_TIMINGS | FLAG_ENABLE_CPU_MEMORY_TIMINGS, share);
 
     // Winlogon, the profile service and Group Policy on the timing session,
     // which ends by itself once and is restarted meanwhile; the logon script
@@ -63,6 +64,7 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
         Event(kUserProfilesGuid, 7, 3, {}, user),
         Event(kUserProfilesGuid, 5, 4, {StringProperty(L"File", L"C:\\Users\\alice\\NTUSER.DAT")},
               user),
+        Event(kUserProfilesGuid, 67, 4, {StringProperty(L"LocalPath", remote.Path())}, user),
         SubscriberEvent(812, 2, kLogin, L"Profiles", 2, kMorning + 5 * kSecond),
         Event(kGroupPolicyGuid, 4016, 6,
               {StringProperty(L"CSEExtensionName", L"Registry"),
@@ -89,7 +91,14 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
         ShellInitialized(2, kMorning + 25 * kSecond),
     };
     Signal policyDone, scriptDone, stop;
-    consume_.Queue(L"logonmon_timing", {.events = untilPolicy, .after = [&] { policyDone.Set(); }});
+    // The timer samples the machine a few times meanwhile.
+    consume_.Queue(L"logonmon_timing", {.events = untilPolicy, .after = [&] {
+                                            for (int ms = 0; pdh_.collected < 3 && ms < 5000;
+                                                 ++ms) {
+                                                Sleep(1);
+                                            }
+                                            policyDone.Set();
+                                        }});
     consume_.Queue(L"logonmon_diag_trace_rt", {.events = script,
                                                .untilClosed = true,
                                                .before = [&] { policyDone.Wait(); },
@@ -117,7 +126,12 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
                              "\\\\plmx_session_\\w+-\\w+-\\w+-\\w+-\\w+_2\\.txt"));
     const Lines expected = {
         "INFO [LogSettings] Log History Depth: 10",
-        "INFO [LogonMonitor::OnLogonStart] Process CPU/memory sampling disabled",
+        "INFO [LogGPLogonScriptSynchronous] Group Policy Logon Scripts Are Asynchronous",
+        // The reports, then the summary.
+        "INFO [LogProfileSize] Profile Size: 0.00MB, Files: 0, Folders: 0. sessionId=2",
+        "INFO [LogonMonitor::LogCPUUsage] Max User Cpu: 40",
+        "INFO [LogonMonitor::LogMemUsage] Max Committed Bytes: 0 MBs",
+        "INFO [CheckGroupPolicySettings] User: Run these programs at user logon: Not Configured",
         summary + "****************** Session Summary (User=alice, sessionId=2) *****************",
         summary +
             "TotalLogon           2024-03-01T08:00:01:000 - 2024-03-01T08:00:25:000 (dur "
