@@ -1,0 +1,242 @@
+// A logon monitor wired to fakes: a recording ETW controller, a scripted
+// consumer, tokens of this process's own user, accounts and fast timers; the
+// main log and the session logs in a temporary folder.
+#pragma once
+
+#include <windows.h>
+#include <sddl.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "app/Settings.h"
+#include "monitor/LogonMonitor.h"
+#include "tests/logonmon/ProcessorHarness.h"
+#include "tests/support/LogFiles.h"
+#include "tests/trace/RecordingEtwControl.h"
+#include "trace/UniqueHandle.h"
+
+namespace plmx::testing {
+
+using Lines = std::vector<std::string>;
+
+// What one ProcessTrace call of a session (or trace file) does: runs
+// `before`, delivers the events to the callback on the calling thread as ETW
+// does, runs `after`, then waits until its handle is closed or ends.
+struct ConsumeScript {
+    std::vector<TestEvent> events{};
+    bool untilClosed = false;
+    ULONG result = ERROR_SUCCESS;
+    bool throwBadAlloc = false;  // as a reader that runs out of memory
+    std::function<void()> before{}, after{};
+};
+
+// Plays the scripts queued under a session's name; with none left,
+// ProcessTrace waits for its handle to be closed, like an idle live session.
+class FakeEtwConsume final : public logonmon::EtwConsumeApi {
+  public:
+    void Queue(const std::wstring& name, ConsumeScript script) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        scripts_[name].push_back(std::move(script));
+    }
+    size_t OpenHandles() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return std::count_if(traces_.begin(), traces_.end(),
+                             [](const auto& trace) { return !trace.second.closed; });
+    }
+    ULONG openError = 0;
+    // Called with the number of ProcessTrace calls so far as each begins.
+    std::function<void(int)> onProcessing;
+
+    TRACEHANDLE OpenTrace(EVENT_TRACE_LOGFILEW* logFile) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (openError != 0) {
+            SetLastError(openError);
+            return INVALID_PROCESSTRACE_HANDLE;
+        }
+        const wchar_t* name = logFile->LoggerName ? logFile->LoggerName : logFile->LogFileName;
+        traces_[++lastHandle_] = {name, logFile->EventRecordCallback, false};
+        return lastHandle_;
+    }
+    ULONG ProcessTrace(TRACEHANDLE handle) override {
+        ConsumeScript script{.untilClosed = true};
+        std::unique_lock<std::mutex> lock(mutex_);
+        const Trace trace = traces_[handle];
+        if (trace.closed) {
+            return ERROR_INVALID_HANDLE;
+        }
+        if (auto& queued = scripts_[trace.name]; !queued.empty()) {
+            script = std::move(queued.front());
+            queued.pop_front();
+        }
+        const int processing = ++processing_;
+        lock.unlock();
+        if (onProcessing) {
+            onProcessing(processing);
+        }
+        if (script.before) {
+            script.before();
+        }
+        for (const TestEvent& event : script.events) {
+            EventBuilder builder;
+            Describe(event, builder);
+            trace.callback(const_cast<EVENT_RECORD*>(&builder.Record()));
+        }
+        if (script.after) {
+            script.after();
+        }
+        if (script.throwBadAlloc) {
+            throw std::bad_alloc();
+        }
+        lock.lock();
+        closed_.wait(lock, [&] { return !script.untilClosed || traces_[handle].closed; });
+        return script.untilClosed ? ERROR_SUCCESS : script.result;
+    }
+    ULONG CloseTrace(TRACEHANDLE handle) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        traces_[handle].closed = true;
+        closed_.notify_all();
+        return ERROR_SUCCESS;
+    }
+
+  private:
+    struct Trace {
+        std::wstring name;
+        PEVENT_RECORD_CALLBACK callback = nullptr;
+        bool closed = true;
+    };
+    std::mutex mutex_;
+    std::condition_variable closed_;
+    std::map<std::wstring, std::deque<ConsumeScript>> scripts_;
+    std::map<TRACEHANDLE, Trace> traces_;
+    TRACEHANDLE lastHandle_ = 0;
+    int processing_ = 0;
+};
+
+// Answers WTSQueryUserToken from `answers` (0: this process's token, else
+// that error; the last one repeats); Sleep advances the tick count.
+class FakeUserTokens final : public UserTokenApi {
+  public:
+    bool QueryUserToken(ULONG sessionId, HANDLE* token) override {
+        queried.push_back(sessionId);
+        const DWORD answer = answers.at(std::min(queried.size(), answers.size()) - 1);
+        SetLastError(answer);
+        return answer == 0 && OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, token);
+    }
+    DWORD TickCount() override { return now; }
+    void Sleep(DWORD milliseconds) override {
+        now += milliseconds;
+        ++sleeps;
+    }
+    std::vector<DWORD> answers{0};
+    DWORD now = 1000;
+    int sleeps = 0;
+    std::vector<ULONG> queried;
+};
+
+// Every counter reads 40 (percent, MB or bytes); counts the readings taken.
+class SteadyPdh final : public PdhApi {
+  public:
+    PDH_STATUS OpenQuery(PDH_HQUERY* query) override {
+        *query = this;
+        return 0;
+    }
+    PDH_STATUS AddCounter(PDH_HQUERY, const char*, PDH_HCOUNTER* counter) override {
+        *counter = this;
+        return 0;
+    }
+    PDH_STATUS CollectQueryData(PDH_HQUERY) override { return 0; }
+    PDH_STATUS CollectQueryDataWithTime(PDH_HQUERY, LONGLONG*) override {
+        ++collected;
+        return 0;
+    }
+    PDH_STATUS GetFormattedCounterValue(PDH_HCOUNTER, DWORD, PDH_FMT_COUNTERVALUE* value) override {
+        value->largeValue = 40;
+        return 0;
+    }
+    PDH_STATUS RemoveCounter(PDH_HCOUNTER) override { return 0; }
+    PDH_STATUS CloseQuery(PDH_HQUERY) override { return 0; }
+    std::atomic<int> collected{0};
+};
+
+// The system's timers, ticking every few milliseconds.
+class FastTimers final : public logonmon::TimerService {
+  public:
+    std::unique_ptr<logonmon::PeriodicTimer> StartPeriodic(uint32_t,
+                                                           std::function<void()> tick) override {
+        return logonmon::DefaultTimerService().StartPeriodic(5, std::move(tick));
+    }
+};
+
+// The user SID of this process's token, as text.
+inline std::wstring ProcessUserSid() {
+    HANDLE token = nullptr;
+    OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token);
+    const UniqueHandle owned(token);
+    uint8_t buffer[256];
+    DWORD size = 0;
+    GetTokenInformation(token, TokenUser, buffer, sizeof buffer, &size);
+    wchar_t* text = nullptr;
+    ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(buffer)->User.Sid, &text);
+    const UniqueLocalMemory ownedText(text);
+    return text;
+}
+
+inline Lines Matching(const Lines& lines, const std::string& prefix, size_t from = 0) {
+    Lines found;
+    for (size_t i = from; i < lines.size(); ++i) {
+        if (lines[i].starts_with(prefix)) {
+            found.push_back(lines[i]);
+        }
+    }
+    return found;
+}
+
+class MonitorTest : public ::testing::Test {
+  protected:
+    // The settings' flags and remote folder are read when the monitor is made.
+    std::unique_ptr<LogonMonitor> Monitor(uint32_t flags, const std::wstring& remote = {}) {
+        Settings::Instance().Flags = flags;
+        Settings::Instance().RemoteLogPath = remote;
+        return std::make_unique<LogonMonitor>(
+            MonitorServices{{&timers_, &clock_, &accounts_}, &consume_, &tokens_, &pdh_});
+    }
+    // "<level> [<source>] <message>" of each line.
+    Lines MainLog() const { return Tagged(ReadLines(mainLog_.Path())); }
+    Lines SessionLog(const std::wstring& name) const {
+        return Tagged(ReadLines(folder_.Path() + name));
+    }
+    // The session logs and their archives, by file name.
+    std::vector<std::wstring> SessionLogFiles() const {
+        std::vector<std::wstring> names;
+        for (const auto& entry : std::filesystem::directory_iterator(folder_.Path())) {
+            if (entry.path().filename().wstring().starts_with(L"plmx_")) {
+                names.push_back(entry.path().filename().wstring());
+            }
+        }
+        return names;
+    }
+
+    TempFolder folder_;
+    ScopedMainLog mainLog_{folder_.Path()};
+    ScopedFakeTdh tdh_;
+    logonmon::testing::RecordingEtwControl control_;
+    FakeEtwConsume consume_;
+    FakeUserTokens tokens_;
+    SteadyPdh pdh_;
+    FakeAccounts accounts_;
+    FakeClock clock_;
+    FastTimers timers_;
+};
+
+}  // namespace plmx::testing
