@@ -79,7 +79,7 @@ int NRVGenerateDumpEx(EXCEPTION_POINTERS* pointers, int reason) {
     SHCreateDirectoryExW(nullptr, folder.c_str(), security.Attributes());
     NRVPurgeDumps(folder, kDumpPurgePattern);
 
-    const UniqueHandle file(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE,
+    const UniqueFileHandle file(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE,
                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                         security.Attributes(), CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
                                         nullptr));

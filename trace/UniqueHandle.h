@@ -1,17 +1,18 @@
-// One owner for every kind of operating-system handle: the value and the
-// function that releases it, called from the destructor.
+// One owner for every kind of system handle: a traits type names the value
+// that means "none" and the call that closes it.
 #pragma once
 
 #include <windows.h>
 
 #include <utility>
 
-// Owns a `T` released by `Close`; a value-initialised `T` owns nothing.
-template <typename T, auto Close>
+template <typename Traits>
 class UniqueAny {
   public:
+    using Value = typename Traits::Value;
+
     UniqueAny() = default;
-    explicit UniqueAny(T value) : value_(value) {}
+    explicit UniqueAny(Value value) : value_(value) {}
     ~UniqueAny() { Reset(); }
     UniqueAny(UniqueAny&& other) noexcept : value_(other.Release()) {}
     UniqueAny& operator=(UniqueAny&& other) noexcept {
@@ -21,43 +22,50 @@ class UniqueAny {
     UniqueAny(const UniqueAny&) = delete;
     UniqueAny& operator=(const UniqueAny&) = delete;
 
-    T Get() const { return value_; }
-    explicit operator bool() const { return value_ != T{}; }
+    Value Get() const { return value_; }
+    explicit operator bool() const { return value_ != Traits::None(); }
 
-    // Gives up ownership without releasing.
-    T Release() { return std::exchange(value_, T{}); }
-    // Releases what is held and takes `value`.
-    void Reset(T value = T{}) {
-        const T old = std::exchange(value_, value);
-        if (old != T{}) {
-            Close(old);
+    // Closes the value held before, if any, and holds `value`.
+    void Reset(Value value = Traits::None()) {
+        if (value_ != Traits::None()) {
+            Traits::Close(value_);
         }
+        value_ = value;
     }
+    Value Release() { return std::exchange(value_, Traits::None()); }
 
   private:
-    T value_{};
+    Value value_ = Traits::None();
 };
 
-namespace handle_close {
-// Calls that hand back INVALID_HANDLE_VALUE for failure leave nothing to close.
-inline void CloseHandleIfValid(HANDLE handle) {
-    if (handle != INVALID_HANDLE_VALUE) {
-        CloseHandle(handle);
-    }
-}
-inline void FindCloseIfValid(HANDLE find) {
-    if (find != INVALID_HANDLE_VALUE) {
-        FindClose(find);
-    }
-}
-inline void LocalFreeMemory(void* memory) {
-    LocalFree(memory);
-}
-}  // namespace handle_close
+// Kernel objects that report failure as null: threads, events, tokens.
+struct KernelHandleTraits {
+    using Value = HANDLE;
+    static Value None() { return nullptr; }
+    static void Close(Value value) { CloseHandle(value); }
+};
+using UniqueHandle = UniqueAny<KernelHandleTraits>;
 
-// Kernel objects: events, threads, processes, files.
-using UniqueHandle = UniqueAny<HANDLE, &handle_close::CloseHandleIfValid>;
+// Files, whose creation reports failure as INVALID_HANDLE_VALUE.
+struct FileHandleTraits {
+    using Value = HANDLE;
+    static Value None() { return INVALID_HANDLE_VALUE; }
+    static void Close(Value value) { CloseHandle(value); }
+};
+using UniqueFileHandle = UniqueAny<FileHandleTraits>;
+
 // A search opened with FindFirstFileW.
-using UniqueFindHandle = UniqueAny<HANDLE, &handle_close::FindCloseIfValid>;
+struct FindHandleTraits {
+    using Value = HANDLE;
+    static Value None() { return INVALID_HANDLE_VALUE; }
+    static void Close(Value value) { FindClose(value); }
+};
+using UniqueFindHandle = UniqueAny<FindHandleTraits>;
+
 // Memory the system allocated with LocalAlloc for the caller.
-using UniqueLocalMemory = UniqueAny<void*, &handle_close::LocalFreeMemory>;
+struct LocalMemoryTraits {
+    using Value = void*;
+    static Value None() { return nullptr; }
+    static void Close(Value value) { LocalFree(value); }
+};
+using UniqueLocalMemory = UniqueAny<LocalMemoryTraits>;

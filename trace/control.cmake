@@ -9,6 +9,7 @@ add_library(plmx_trace_control STATIC
     ${CMAKE_CURRENT_LIST_DIR}/AutoLogger_win.cpp
     ${CMAKE_CURRENT_LIST_DIR}/Controller_win.cpp
     ${CMAKE_CURRENT_LIST_DIR}/DebugOutput_win.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/EtwConsumeApi_win.cpp
     ${CMAKE_CURRENT_LIST_DIR}/EtwControlApi_win.cpp
     ${CMAKE_CURRENT_LIST_DIR}/ProviderLists_win.cpp
     ${CMAKE_CURRENT_LIST_DIR}/SessionProperties_win.cpp)

@@ -11,7 +11,12 @@
 
 namespace plmx::testing {
 
-using UniqueServiceHandle = UniqueAny<SC_HANDLE, &CloseServiceHandle>;
+struct ServiceHandleTraits {
+    using Value = SC_HANDLE;
+    static Value None() { return nullptr; }
+    static void Close(Value value) { CloseServiceHandle(value); }
+};
+using UniqueServiceHandle = UniqueAny<ServiceHandleTraits>;
 
 class InstalledService {
   public:

@@ -39,7 +39,7 @@ TestEvent Without(TestEvent event, bool sid, bool session) {
 using Handling = std::pair<std::string, int64_t>;
 std::vector<Handling> Handled(const RecordingProcessor& processor, const std::string& prefix) {
     std::vector<Handling> handled;
-    for (const LogLine& line : processor.lines) {
+    for (const ProcessorLogLine& line : processor.lines) {
         if (line.function == L"logonmon::LogonProcessor::LogEventAsString" &&
             line.text.rfind(prefix, 0) == 0) {
             handled.emplace_back(line.text, line.session);
@@ -104,7 +104,7 @@ TEST_F(LogonProcessorTest, FollowsALogonFromCreateSessionToShellInitialized) {
     EXPECT_EQ(lines[0].level, 5u);
     EXPECT_EQ(lines[3].function, kLoginFn);
     EXPECT_EQ(lines[3].level, 4u);
-    for (const LogLine& line : lines) {
+    for (const ProcessorLogLine& line : lines) {
         EXPECT_EQ(line.session, 2) << line.text;
     }
     EXPECT_THAT(processor.logonStarts, ElementsAre(2u));
@@ -151,7 +151,7 @@ TEST_F(LogonProcessorTest, SessionCreation) {
         auto& processor = Processor();
         processor.Feed(c.event);
         std::vector<std::pair<uint32_t, std::string>> lines;
-        for (const LogLine& line : processor.lines) {
+        for (const ProcessorLogLine& line : processor.lines) {
             lines.emplace_back(line.level, line.text);
         }
         EXPECT_EQ(lines, c.lines);

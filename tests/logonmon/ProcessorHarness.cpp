@@ -159,14 +159,13 @@ void RecordingProcessor::LogFormatted(uint32_t level, const wchar_t* function, c
                                 ? int64_t{record->sessionContext->sessionId}
                                 : -1;
     std::lock_guard<std::mutex> lock(mutex);
-    lines.push_back(LogLine{level, function, text, session});
+    lines.push_back(ProcessorLogLine{level, function, text, session});
     if (!throwOnText.empty() && text == throwOnText) {
         throw std::runtime_error("handler failed");
     }
 }
 
-void RecordingProcessor::Feed(const TestEvent& event) {
-    EventBuilder builder;
+void Describe(const TestEvent& event, EventBuilder& builder) {
     builder.Provider(event.provider).EventId(event.id).Opcode(event.opcode).Level(4);
     builder.ProcessId(0x2a0).ThreadId(event.thread).Timestamp(event.time);
     if (event.session) {
@@ -193,22 +192,27 @@ void RecordingProcessor::Feed(const TestEvent& event) {
     if (event.payload) {
         builder.Payload(*event.payload);
     }
+}
+
+void RecordingProcessor::Feed(const TestEvent& event) {
+    EventBuilder builder;
+    Describe(event, builder);
     HandleEventRecord(&builder.Record());
 }
 
 std::vector<std::string> RecordingProcessor::Texts() const {
     std::lock_guard<std::mutex> lock(mutex);
     std::vector<std::string> texts;
-    for (const LogLine& line : lines) {
+    for (const ProcessorLogLine& line : lines) {
         texts.push_back(line.text);
     }
     return texts;
 }
 
-std::vector<LogLine> RecordingProcessor::LinesWith(const std::string& text) const {
+std::vector<ProcessorLogLine> RecordingProcessor::LinesWith(const std::string& text) const {
     std::lock_guard<std::mutex> lock(mutex);
-    std::vector<LogLine> found;
-    for (const LogLine& line : lines) {
+    std::vector<ProcessorLogLine> found;
+    for (const ProcessorLogLine& line : lines) {
         if (line.text == text) {
             found.push_back(line);
         }

@@ -76,7 +76,10 @@ std::vector<uint8_t> AgentPayload(size_t size, uint32_t session,
 // The remote agent's attach event (header session 2) with the session type.
 TestEvent Attach(const std::wstring& type, uint64_t time, size_t size = 132, uint32_t session = 2);
 
-struct LogLine {
+// Gives `builder` the header, schema and properties of `event`.
+void Describe(const TestEvent& event, EventBuilder& builder);
+
+struct ProcessorLogLine {
     uint32_t level;
     std::wstring function;
     std::string text;
@@ -126,14 +129,14 @@ class RecordingProcessor : public logonmon::LogonProcessor {
 
     std::vector<std::string> Texts() const;
     // Lines whose text is exactly `text`.
-    std::vector<LogLine> LinesWith(const std::string& text) const;
+    std::vector<ProcessorLogLine> LinesWith(const std::string& text) const;
     // Copies of the open sessions, in creation order.
     std::vector<logonmon::SESSION_CONTEXT> Sessions();
     std::optional<logonmon::SESSION_CONTEXT> Session(uint32_t sessionId);
 
     // Guarded by `mutex` where threads meet.
     mutable std::mutex mutex;
-    std::vector<LogLine> lines;
+    std::vector<ProcessorLogLine> lines;
     std::vector<uint32_t> logonStarts;
     std::vector<logonmon::SESSION_CONTEXT> endedSessions;
     std::vector<bool> sampling;

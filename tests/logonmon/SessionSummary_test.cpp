@@ -95,7 +95,7 @@ class SessionSummaryTest : public ::testing::Test {
                                    logonmon::ProcessorServices{&timers_, &clock_, &accounts_});
         processor.LogSummary(session);
         Lines summary;
-        for (const LogLine& line : processor.lines) {
+        for (const ProcessorLogLine& line : processor.lines) {
             EXPECT_EQ(line.level, 4u) << line.text;
             summary.push_back(line.function == kSummaryFn ? line.text
                               : line.function == kFixedFn ? Fixed(line.text)
