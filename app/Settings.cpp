@@ -2,15 +2,14 @@
 
 #include <knownfolders.h>
 #include <shlobj.h>
-#include <userenv.h>
 
 #include <algorithm>
 #include <memory>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 #include "trace/RegistryKey.h"
+#include "log/Impersonation.h"
 #include "log/LogWriter.h"
 
 namespace {
@@ -91,32 +90,6 @@ LSTATUS ReadString(HKEY key, const wchar_t* name, std::wstring* value) {
     return ERROR_SUCCESS;
 }
 
-// Expands environment variables for the user of `token` (the system
-// environment for a null token). Returns the Win32 result.
-DWORD ExpandForUser(HANDLE token, const std::wstring& text, std::wstring* expanded) {
-    std::vector<wchar_t> buffer(MAX_PATH);
-    for (;;) {
-        SetLastError(ERROR_SUCCESS);
-        const BOOL result = ExpandEnvironmentStringsForUserW(token, text.c_str(), buffer.data(),
-                                                             static_cast<DWORD>(buffer.size()));
-        const DWORD error = GetLastError();
-        // Wine answers a short buffer with the needed size and the error
-        // instead of FALSE.
-        const bool tooShort =
-            error == ERROR_INSUFFICIENT_BUFFER &&
-            (!result || static_cast<DWORD>(result) > static_cast<DWORD>(buffer.size()));
-        if (tooShort) {
-            buffer.resize(buffer.size() * 2);
-            continue;
-        }
-        if (!result) {
-            return error;
-        }
-        *expanded = buffer.data();
-        return ERROR_SUCCESS;
-    }
-}
-
 // A configured directory: expanded, long-path prefixed, ending in a separator.
 LSTATUS ReadPathValue(HKEY key, const wchar_t* name, std::wstring* path) {
     std::wstring text;
@@ -125,7 +98,8 @@ LSTATUS ReadPathValue(HKEY key, const wchar_t* name, std::wstring* path) {
         return result;
     }
     std::wstring expanded;
-    result = static_cast<LSTATUS>(ExpandForUser(nullptr, text, &expanded));
+    result =
+        static_cast<LSTATUS>(DefaultImpersonation().ExpandEnvironment(nullptr, text, &expanded));
     if (result != ERROR_SUCCESS) {
         return result;
     }
@@ -210,12 +184,12 @@ void Settings::Load() {
     LogMessage(nullptr, LOG_LEVEL_TRACE, kLoadFunction, "Log Max size: %d", LogMaxSize);
 }
 
-std::wstring Settings::GetRemoteLogPath(HANDLE userToken) const {
+std::wstring Settings::GetRemoteLogPath(HANDLE userToken, Impersonation& identity) const {
     if (RemoteLogPath.empty()) {
         return {};
     }
     std::wstring expanded;
-    const DWORD result = ExpandForUser(userToken, RemoteLogPath, &expanded);
+    const DWORD result = identity.ExpandEnvironment(userToken, RemoteLogPath, &expanded);
     if (result != ERROR_SUCCESS) {
         LogMessage(nullptr, LOG_LEVEL_ERROR, L"Settings::GetRemoteLogPath",
                    "Failed expanding remote log path %ws, error %d", RemoteLogPath.c_str(),

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+#include "log/Impersonation.h"
+
 // Behaviour flags; a flag is on when its bit is set in Flags or RuntimeFlags.
 inline constexpr uint32_t FLAG_DISABLE_MEMORY_DUMPS = 0x001;
 inline constexpr uint32_t FLAG_ENABLE_LOOM_INTEGRATION = 0x002;
@@ -41,7 +43,8 @@ struct Settings {
     // RemoteLogPath with environment variables expanded for the user of
     // `userToken` (the system environment for a null token); empty when no
     // remote path is configured or the expansion fails.
-    std::wstring GetRemoteLogPath(HANDLE userToken) const;
+    std::wstring GetRemoteLogPath(HANDLE userToken,
+                                  Impersonation& identity = DefaultImpersonation()) const;
 
     bool IsFlagOn(uint32_t flag) const { return ((Flags | RuntimeFlags) & flag) != 0; }
 };

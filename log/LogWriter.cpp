@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <io.h>
 
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 
@@ -153,7 +154,8 @@ const char* LevelTag(uint32_t level) {
     return "NONE";
 }
 
-// Returns the length written, or -1 when the text did not fit.
+// Returns the length written, or -1 when the text did not fit or could not be
+// converted.
 int FormatInto(char* buffer, size_t size, const char* format, ...) {
     va_list args;
     va_start(args, format);
@@ -168,7 +170,7 @@ void FormatTimestamp(const SYSTEMTIME& time, char (&text)[kTimestampSize]) {
 }
 
 // Writes the line prefix at the start of `buffer`; returns its length, or -1
-// when it did not fit.
+// as FormatInto does.
 int FormatPrefix(char* buffer, const logonmon::EventRecordData* record, uint32_t level,
                  const wchar_t* function) {
     char timestamp[kTimestampSize];
@@ -197,17 +199,17 @@ int FormatPrefix(char* buffer, const logonmon::EventRecordData* record, uint32_t
 void WriteLine(LogState& state, FILE* stream, const logonmon::EventRecordData* record,
                uint32_t level, const wchar_t* function, const char* format, va_list args) {
     char* const buffer = state.LineBuffer();
-    int prefixLength = FormatPrefix(buffer, record, level, function);
-    if (prefixLength < 0 || static_cast<size_t>(prefixLength) >= kLineBufferSize) {
-        prefixLength = kLineBufferSize - 1;
-    }
+    // A failed format ends at its last valid byte, whether it ran out of room
+    // or met an argument it could not convert.
+    const auto validLength = [](const char* text, int length) {
+        return length < 0 ? std::strlen(text) : static_cast<size_t>(length);
+    };
+    const size_t prefixLength = validLength(buffer, FormatPrefix(buffer, record, level, function));
     const size_t available = kLineBufferSize - prefixLength;
-    int messageLength =
-        logonmon::FormatPrintfToBuffer(buffer + prefixLength, available, format, args);
-    if (messageLength < 0 || static_cast<size_t>(messageLength) >= available) {
-        messageLength = static_cast<int>(available - 1);
-    }
-    const size_t length = static_cast<size_t>(prefixLength) + messageLength;
+    const size_t messageLength =
+        validLength(buffer + prefixLength,
+                    logonmon::FormatPrintfToBuffer(buffer + prefixLength, available, format, args));
+    const size_t length = prefixLength + messageLength;
     buffer[length] = '\n';
     fwrite(buffer, 1, length + 1, stream);
     fflush(stream);

@@ -24,6 +24,8 @@ constexpr size_t kHeldBackMaxCount = 1000;
 
 constexpr wchar_t kLocalSystemSid[] = L"S-1-5-18";
 
+constexpr uint16_t kMachinePolicyFinished = 8004;
+
 constexpr const wchar_t* kSessionEndingPoints[] = {
     L"WL_NotifyExecute_Logoff_Start",
     L"WL_NotifyExecute_EndShell_Start",
@@ -130,7 +132,9 @@ void LogonProcessor::AsyncEstablishSessionContext(const std::shared_ptr<EventRec
             context = NewestSession(record->timestamp, [&activityId](const SESSION_CONTEXT& c) {
                 return GuidEquals(c.policyActivityId, activityId);
             });
-            if (!context) {
+            // Machine policy runs under an activity of its own that no logon
+            // claims; its handler serves every open session at once.
+            if (!context && record->eventId != kMachinePolicyFinished) {
                 HoldBack(heldBackByActivity_, record);
                 return;
             }
@@ -252,7 +256,8 @@ void LogonProcessor::RouteEvent(EventRecordData& record) {
         {providers::kGroupPolicy, 4016, &LogonProcessor::GroupPolicy_CSEStarted},
         {providers::kGroupPolicy, 5016, &LogonProcessor::GroupPolicy_CSEFinished},
         {providers::kGroupPolicy, 8001, &LogonProcessor::GroupPolicy_UserPolicyFinished},
-        {providers::kGroupPolicy, 8004, &LogonProcessor::GroupPolicy_MachinePolicyFinished},
+        {providers::kGroupPolicy, kMachinePolicyFinished,
+         &LogonProcessor::GroupPolicy_MachinePolicyFinished},
         {providers::kKernelProcess, 1, &LogonProcessor::Process_Started},
         {providers::kKernelProcess, 2, &LogonProcessor::Process_Exited},
         {providers::kLocalSessionManager, 21, &LogonProcessor::TS_LSM_Logon},

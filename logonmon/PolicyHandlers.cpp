@@ -1,5 +1,7 @@
+#include <algorithm>
 #include <cstdint>
 #include <optional>
+#include <string_view>
 
 #include "logonmon/EventFields.h"
 #include "logonmon/LogonProcessor.h"
@@ -8,8 +10,17 @@ namespace logonmon {
 
 namespace {
 
+// Boolean properties are decoded as numbers ("1", "0", "-1"); older
+// providers wrote "true" or "false".
 bool IsTrue(const std::wstring& text) {
-    return EqualsIgnoreCase(text, L"true");
+    if (EqualsIgnoreCase(text, L"true")) {
+        return true;
+    }
+    const std::wstring_view digits =
+        std::wstring_view(text).substr(!text.empty() && text[0] == L'-' ? 1 : 0);
+    return !digits.empty() && std::all_of(digits.begin(), digits.end(), [](wchar_t c) {
+        return c >= L'0' && c <= L'9';
+    }) && digits.find_first_not_of(L'0') != std::wstring_view::npos;
 }
 
 // Whole seconds; stored as the whole-number kind, which the summary prints
@@ -44,10 +55,9 @@ void LogonProcessor::GroupPolicy_CSEFinished(EventRecordData& record) {
         return;
     }
     SESSION_CONTEXT& context = *record.sessionContext;
-    const auto milliseconds = ParseDecimal(PropertyText(record, L"CSEElaspedTimeInMilliSeconds"));
-    if (milliseconds) {
-        context.cseDurations[PropertyText(record, L"CSEExtensionName")] += *milliseconds;
-    }
+    // An unreadable time still lists the extension, at 0 ms.
+    context.cseDurations[PropertyText(record, L"CSEExtensionName")] +=
+        ParseDecimal(PropertyText(record, L"CSEElaspedTimeInMilliSeconds")).value_or(0);
     if (ParseDecimal(PropertyText(record, L"ErrorCode")).value_or(0) != 0) {
         ++context.failedPolicies;
     }

@@ -10,8 +10,9 @@
 namespace logonmon {
 
 // Formats into `buffer`, which is always terminated when `size` is not 0.
-// Returns the length of the text, or -1 when it did not fit (the buffer then
-// holds as much of it as fits), like _vsnprintf.
+// Returns the length of the text, or -1, like _vsnprintf, when it did not fit
+// or an argument could not be converted; the buffer then holds the text up to
+// its last valid byte.
 int FormatPrintfToBuffer(char* buffer, size_t size, const char* format, va_list args);
 
 // Formats the whole text, however long.

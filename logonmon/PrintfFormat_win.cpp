@@ -1,6 +1,7 @@
 #include "logonmon/PrintfFormat.h"
 
 #include <cstdio>
+#include <cstring>
 
 namespace logonmon {
 
@@ -11,7 +12,18 @@ int FormatPrintfToBuffer(char* buffer, size_t size, const char* format, va_list 
     if (size == 0) {
         return -1;
     }
+    va_list again;
+    va_copy(again, args);
     const int length = _vsnprintf(buffer, size - 1, format, args);
+    if (length < 0) {
+        // -1 stands both for text that did not fit and for an argument that
+        // could not be converted, after which the buffer holds whatever it
+        // held before: clear it and write again, so that the text ends with
+        // the last byte written.
+        std::memset(buffer, 0, size);
+        _vsnprintf(buffer, size - 1, format, again);
+    }
+    va_end(again);
     buffer[length < 0 ? size - 1 : static_cast<size_t>(length)] = '\0';
     return length;
 }

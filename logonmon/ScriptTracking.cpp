@@ -1,6 +1,6 @@
-#include <iterator>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "logonmon/EventFields.h"
 #include "logonmon/LogonProcessor.h"
@@ -20,14 +20,16 @@ std::wstring ImageFileName(const std::wstring& image) {
     return separator == std::wstring::npos ? image : image.substr(separator + 1);
 }
 
-// "YYYY-MM-DDTHH:MM:SS:mmmZ" as a FILETIME; every other form, local times
-// without "Z" included, gives nothing.
-std::optional<uint64_t> ParseUtcTimestamp(const std::wstring& text) {
-    static constexpr wchar_t kPattern[] = L"0000-00-00T00:00:00:000Z";
-    if (text.size() != std::size(kPattern) - 1) {
+// "YYYY-MM-DDTHH:MM:SS:mmm" as a FILETIME: in UTC with a trailing "Z", else
+// in local time, as decoding writes FILETIME properties. Every other form
+// gives nothing.
+std::optional<uint64_t> ParseTimestamp(const std::wstring& text) {
+    static constexpr std::wstring_view kPattern = L"0000-00-00T00:00:00:000";
+    const bool utc = text.size() == kPattern.size() + 1 && text.back() == L'Z';
+    if (text.size() != kPattern.size() && !utc) {
         return std::nullopt;
     }
-    for (size_t i = 0; i < text.size(); ++i) {
+    for (size_t i = 0; i < kPattern.size(); ++i) {
         const bool digit = text[i] >= L'0' && text[i] <= L'9';
         if (kPattern[i] == L'0' ? !digit : text[i] != kPattern[i]) {
             return std::nullopt;
@@ -49,7 +51,9 @@ std::optional<uint64_t> ParseUtcTimestamp(const std::wstring& text) {
     time.wSecond = number(17, 2);
     time.wMilliseconds = number(20, 3);
     uint64_t fileTime = 0;
-    if (!SystemTimeToFileTimeValue(time, &fileTime)) {
+    const bool converted = utc ? SystemTimeToFileTimeValue(time, &fileTime)
+                               : LocalSystemTimeToFileTime(time, &fileTime);
+    if (!converted) {
         return std::nullopt;
     }
     return fileTime;
@@ -127,8 +131,8 @@ void LogonProcessor::Process_Exited(EventRecordData& record) {
     const std::wstring image = PropertyText(record, L"ImageName");
     const std::wstring processIdText = PropertyText(record, L"ProcessID");
     const std::wstring exitText = PropertyText(record, L"ExitTime");
-    const auto created = ParseUtcTimestamp(PropertyText(record, L"CreateTime"));
-    const auto exited = ParseUtcTimestamp(exitText);
+    const auto created = ParseTimestamp(PropertyText(record, L"CreateTime"));
+    const auto exited = ParseTimestamp(exitText);
 
     const auto processId = ParseDecimal(processIdText);
     const auto tracked =

@@ -41,6 +41,8 @@ std::wstring SummaryHeader(const SESSION_CONTEXT& session) {
 void LogonProcessor::LogSummary(SESSION_CONTEXT& session) {
     static constexpr wchar_t kFunction[] = L"logonmon::LogonProcessor::LogSummary";
 
+    // A logon seen without its Login event has not named its user yet.
+    ResolveAccount(session);
     const std::wstring header = SummaryHeader(session);
     LogFormatted(kLevelInfo, kFunction, "%ws", header.c_str());
 

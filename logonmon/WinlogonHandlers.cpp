@@ -72,7 +72,8 @@ void LogonProcessor::RecordWinlogonTimingPoint(EventRecordData& record,
 
 void LogonProcessor::Winlogon_CreateSession(EventRecordData& record) {
     static constexpr wchar_t kFunction[] = L"logonmon::LogonProcessor::Winlogon_CreateSession";
-    const uint32_t sessionId = EventSessionId(record);
+    // Winlogon creates the session it runs in: the header names it.
+    const uint32_t sessionId = record.sessionId;
     const std::shared_ptr<SESSION_CONTEXT> context = InitSession(sessionId, record);
     if (!context) {
         LogFormatted(kLevelError, kFunction, "InitSession Failed, sessionId=%d", sessionId);

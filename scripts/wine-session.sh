@@ -15,3 +15,8 @@ trap stop_wine_server EXIT
 
 "$wine_server" -p </dev/null >/dev/null 2>&1
 "$wine_loader" wineboot --init </dev/null >/dev/null 2>&1
+
+# \\localhost\C$ reaches drive C: as the administrative share does on Windows,
+# so that tests copy through real UNC paths.
+mkdir -p "$WINEPREFIX/dosdevices/unc/localhost"
+ln -sfn ../../c: "$WINEPREFIX/dosdevices/unc/localhost/C\$"

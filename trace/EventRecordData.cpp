@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <cwctype>
+#include <stdexcept>
 
 #include "trace/EventSchema.h"
 #include "trace/PropertyValueText.h"
@@ -56,14 +57,18 @@ std::optional<uint32_t> TerminalSessionId(const EVENT_HEADER_EXTENDED_DATA_ITEM&
 }
 
 // The SID of a SID item, copied by its own length as the system copies it, so
-// bytes after it are left out. An item too short for the length its SID
-// declares, or not holding a SID at all, is ignored: the event still counts
-// and only its user is unknown.
+// bytes after it are left out. An item that holds no whole SID cannot be
+// copied: the event fails rather than being handled without its user.
 std::optional<Sid> UserSid(const EVENT_HEADER_EXTENDED_DATA_ITEM& item) {
-    if (item.ExtType != etw::kExtTypeSid || item.DataPtr == 0) {
+    if (item.ExtType != etw::kExtTypeSid) {
         return std::nullopt;
     }
-    return Sid::FromBytes(ExtendedDataBytes(item), item.DataSize);
+    std::optional<Sid> sid =
+        item.DataPtr == 0 ? std::nullopt : Sid::FromBytes(ExtendedDataBytes(item), item.DataSize);
+    if (!sid) {
+        throw std::runtime_error(kUserSidCopyFailed);
+    }
+    return sid;
 }
 
 void DecodeSchema(EventRecordData& data, const EVENT_RECORD& record) {

@@ -23,13 +23,17 @@ struct PropertyNameLess {
     bool operator()(const std::wstring& left, const std::wstring& right) const;
 };
 
+// Thrown when the SID item of the extended data holds no whole SID; the
+// HRESULT of ERROR_INVALID_SID, as the system's copy reports it.
+inline constexpr char kUserSidCopyFailed[] = "Failed to copy the event's user SID: 0x80070539";
+
 using PropertyMap = std::map<std::wstring, std::wstring, PropertyNameLess>;
 
 class EventRecordData {
   public:
     // Never fails on a missing schema; throws std::runtime_error
     // ("GetValue failed", "GetValueAlloc failed") when a property's value
-    // cannot be read.
+    // cannot be read, and kUserSidCopyFailed for a broken SID item.
     explicit EventRecordData(const EVENT_RECORD& record);
 
     EventRecordData(const EventRecordData&) = delete;

@@ -20,6 +20,9 @@ std::wstring GuidText(const GUID& guid, bool braces = true);
 SYSTEMTIME FileTimeToUtcSystemTime(uint64_t fileTime);
 // The same instant in the machine's current time zone.
 SYSTEMTIME UtcToLocalSystemTime(const SYSTEMTIME& utc);
+// The FILETIME of a calendar time in the machine's current time zone; false
+// for fields out of range.
+bool LocalSystemTimeToFileTime(const SYSTEMTIME& local, uint64_t* fileTime);
 // SystemTimeToFileTime: false for fields out of range.
 bool SystemTimeToFileTimeValue(const SYSTEMTIME& time, uint64_t* fileTime);
 

@@ -33,6 +33,29 @@ SYSTEMTIME UtcToLocalSystemTime(const SYSTEMTIME& utc) {
     return time;
 }
 
+bool LocalSystemTimeToFileTime(const SYSTEMTIME& local, uint64_t* fileTime) {
+    uint64_t unused = 0;
+    if (!SystemTimeToFileTimeValue(local, &unused)) {
+        return false;
+    }
+    std::tm fields{};
+    fields.tm_year = local.wYear - 1900;
+    fields.tm_mon = local.wMonth - 1;
+    fields.tm_mday = local.wDay;
+    fields.tm_hour = local.wHour;
+    fields.tm_min = local.wMinute;
+    fields.tm_sec = local.wSecond;
+    fields.tm_isdst = -1;  // the zone's rules decide
+    const time_t seconds = std::mktime(&fields);
+    if (seconds == -1) {
+        return false;
+    }
+    *fileTime =
+        static_cast<uint64_t>(static_cast<int64_t>(seconds) + kSecondsFrom1601To1970) * 10'000'000 +
+        local.wMilliseconds * 10'000ull;
+    return true;
+}
+
 // Without a code page to consult, each byte is taken as the character of the
 // same number (Latin-1).
 std::wstring WideFromAnsi(const char* text) {

@@ -10,6 +10,14 @@ SYSTEMTIME UtcToLocalSystemTime(const SYSTEMTIME& utc) {
     return local;
 }
 
+bool LocalSystemTimeToFileTime(const SYSTEMTIME& local, uint64_t* fileTime) {
+    uint64_t unused = 0;
+    SYSTEMTIME utc{};
+    return SystemTimeToFileTimeValue(local, &unused) &&
+           TzSpecificLocalTimeToSystemTime(nullptr, &local, &utc) &&
+           SystemTimeToFileTimeValue(utc, fileTime);
+}
+
 std::wstring WideFromAnsi(const char* text) {
     if (text == nullptr || *text == '\0') {
         return std::wstring();

@@ -119,13 +119,14 @@ TEST_F(LogWriterTest, MessagesAreCutToFitTheLineBuffer) {
     const size_t prefix = ReadLines(mainLog_.Path())[1].find("] ") + 2;
     const size_t room = 65535 - prefix;  // the buffer less the prefix and a null
     LogMessage(nullptr, LOG_LEVEL_INFO, L"Writer::Test", "%s", std::string(room, 'y').c_str());
-    LogMessage(nullptr, LOG_LEVEL_INFO, L"Writer::Test", "after");
+    // The runtime cannot convert this text: the line ends where it failed.
+    LogMessage(nullptr, LOG_LEVEL_INFO, L"Writer::Test", "kept|%ws", L"\x4E2D");
 
     const Lines lines = ReadLines(mainLog_.Path());
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[1].substr(prefix), std::string(room, 'x'));
     EXPECT_EQ(lines[2].substr(prefix), std::string(room, 'y'));
-    EXPECT_EQ(Tagged({lines[3]}), Lines{"INFO [Writer::Test] after"});
+    EXPECT_EQ(Tagged({lines[3]}), Lines{"INFO [Writer::Test] kept|"});
 }
 
 TEST_F(LogWriterTest, WithoutAnOpenLogLinesGoToStandardOutput) {

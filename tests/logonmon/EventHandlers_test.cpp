@@ -157,8 +157,8 @@ TEST_F(EventHandlersTest, GroupPolicyCountsExtensionsAndSumsTheirTimes) {
                       UInt32Property(L"ErrorCode", error)});
     };
     for (const TestEvent& event :
-         {started(L"true", L"false"), started(L"TRUE", L"True"), started(L"false", L"true"),
-          started(L"", L""), finished(L"Registry", L"1200", 0), finished(L"Registry", L"34", 0),
+         {started(L"1", L"0"), started(L"-1", L"True"), started(L"false", L"true"),
+          started(L"", L"00"), finished(L"Registry", L"1200", 0), finished(L"Registry", L"34", 0),
           finished(L"Scripts", L"250", 0x80070005), finished(L"Scripts", L"n/a", 0),
           finished(L"Drive Maps", L"-1", 0),
           Event(kGroupPolicyGuid, 8001, 2,
@@ -172,7 +172,8 @@ TEST_F(EventHandlersTest, GroupPolicyCountsExtensionsAndSumsTheirTimes) {
     EXPECT_EQ(session->changedPolicies, 2);
     EXPECT_EQ(session->failedPolicies, 1);
     EXPECT_EQ(session->cseDurations,
-              (std::map<std::wstring, uint32_t>{{L"Registry", 1234}, {L"Scripts", 250}}));
+              (std::map<std::wstring, uint32_t>{
+                  {L"Drive Maps", 0}, {L"Registry", 1234}, {L"Scripts", 250}}));
     EXPECT_EQ(session->namedDurations, (Durations{{L"User Policy Time", 7}}));
 }
 

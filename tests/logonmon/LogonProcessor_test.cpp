@@ -34,6 +34,11 @@ TestEvent Without(TestEvent event, bool sid, bool session) {
     return event;
 }
 
+TestEvent WithSessionProperty(TestEvent event) {
+    event.properties.push_back(StringProperty(L"SessionID", L"5"));
+    return event;
+}
+
 // What LogEventAsString wrote for events whose message starts with `prefix`,
 // with the session each was handled for.
 using Handling = std::pair<std::string, int64_t>;
@@ -138,6 +143,9 @@ TEST_F(LogonProcessorTest, SessionCreation) {
           {5, "SID: " + Narrow(kAliceSid) + ". sessionId=3"}}},
         {Without(CreateSession(5, kAliceSid, kMorning), true, false),
          {{2, "InitSession Failed, sessionId=5"}}},
+        // Winlogon's header names the session, not a property.
+        {WithSessionProperty(Without(CreateSession(5, kAliceSid, kMorning), false, true)),
+         {{2, "InitSession Failed, sessionId=-1"}}},
         {Without(Login(4, kAliceSid, kMorning), true, false),
          {{5, "Received User Logon Event"},
           {2, notFound + "sessionId=4"},

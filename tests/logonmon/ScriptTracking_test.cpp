@@ -106,9 +106,9 @@ TEST_F(ScriptTrackingTest, ScriptHostsAddTheirRunTimes) {
 
 TEST_F(ScriptTrackingTest, ExitTimesAreReadStrictly) {
     for (const wchar_t* exited :
-         {L"2024-03-01T08:00:12:500", L"2024-03-01T08:00:12:500z", L"2024-03-01T08:00:12:50Z",
-          L"2024-03-01T08:00:12:5000Z", L"2024-03-01T08:0a:12:500Z", L"2024-13-01T08:00:12:500Z",
-          L"2024-02-30T08:00:12:500Z", L"2024-03-01 08:00:12:500Z", L""}) {
+         {L"2024-03-01T08:00:12:500z", L"2024-03-01T08:00:12:50Z", L"2024-03-01T08:00:12:5000Z",
+          L"2024-03-01T08:0a:12:500Z", L"2024-13-01T08:00:12:500Z", L"2024-02-30T08:00:12:500Z",
+          L"2024-03-01 08:00:12:500Z", L""}) {
         auto& processor = Processor();
         processor.Feed(CreateSession(2, kAliceSid, kMorning));
         processor.Feed(ProcessStart(2, 100, 50, kScriptHost));

@@ -164,6 +164,54 @@ TEST_F(SessionSummaryTest, SummarisesACompleteLogon) {
         })));
 }
 
+// As Windows reports them: policy Booleans, the script host's FILETIMEs and
+// machine policy under an activity of its own all reach the summary.
+TEST_F(SessionSummaryTest, ALogonAsWindowsReportsItShowsPolicyAndScriptFigures) {
+    using namespace logonmon::etw;
+    auto event = [](const wchar_t* provider, uint16_t id, std::optional<uint32_t> session,
+                    std::optional<std::wstring> activity, std::vector<PropertyDefinition> values) {
+        TestEvent e;
+        e.provider = provider;
+        e.id = id;
+        e.session = session;
+        e.activity = std::move(activity);
+        e.properties = std::move(values);
+        return e;
+    };
+    auto typed = [](const wchar_t* name, uint16_t inType, std::vector<uint8_t> value) {
+        return PropertyDefinition{name, inType, 0, std::move(value)};
+    };
+    const std::wstring userPolicy = L"6c1c5d1e-7a39-4d4c-9a0b-3a4b5c6d7e8f";
+    const std::vector<PropertyDefinition> host = {UInt32Property(L"ProcessID", 300),
+                                                  StringProperty(L"ImageName", L"gpscript.exe")};
+    SummaryProcessor processor(logonmon::SESSION_CONFIG{},
+                               logonmon::ProcessorServices{&timers_, &clock_, &accounts_});
+    for (const TestEvent& e :
+         {CreateSession(2, kAliceSid, At(0)),
+          event(kGroupPolicyGuid, 4016, 2, userPolicy,
+                {StringProperty(L"CSEExtensionName", L"Scripts"),
+                 typed(L"IsExtensionAsyncProcessing", kInTypeBoolean, UInt32Bytes(0)),
+                 typed(L"IsGPOListChanged", kInTypeBoolean, UInt32Bytes(1))}),
+          event(kKernelProcessGuid, 1, 2, std::nullopt, host),
+          event(kKernelProcessGuid, 2, 2, std::nullopt,
+                {host[0], typed(L"CreateTime", kInTypeFileTime, UInt64Bytes(At(2))),
+                 typed(L"ExitTime", kInTypeFileTime, UInt64Bytes(At(4, 500)))}),
+          event(kGroupPolicyGuid, 5016, std::nullopt, userPolicy,
+                {StringProperty(L"CSEExtensionName", L"Scripts"),
+                 UInt32Property(L"CSEElaspedTimeInMilliSeconds", 2600)}),
+          event(kGroupPolicyGuid, 8004, std::nullopt, L"0f0e0d0c-0b0a-0908-0706-050403020100",
+                {UInt32Property(L"PolicyElaspedTimeInSeconds", 9)}),
+          NotifyStop(kStartShell, 2, At(8)), ShellInitialized(2, At(10))}) {
+        processor.Feed(e);
+    }
+    ASSERT_EQ(processor.endedSessions.size(), 1u);
+    EXPECT_THAT(Summary(processor.endedSessions[0]),
+                ::testing::IsSupersetOf(Concat(
+                    {{"Group Policy Logon Script Time: 2.50 seconds", "Machine Policy Time: 9ms"},
+                     PolicyBlock(0, 1, 0, 1, 2600),
+                     {"     CSE: 'Scripts' Duration: 2600ms"}})));
+}
+
 TEST_F(SessionSummaryTest, DurationsInSinglePrecisionAndNamedDurationsInBothKinds) {
     SESSION_CONTEXT session;
     session.sessionId = 3;
@@ -203,18 +251,31 @@ TEST_F(SessionSummaryTest, DurationsInSinglePrecisionAndNamedDurationsInBothKind
 }
 
 TEST_F(SessionSummaryTest, BareSessionKeepsThePolicyBlockAndAFooterAsLongAsTheHeader) {
-    const std::pair<std::wstring, uint32_t> users[] = {
-        {L"", 0}, {L"a.very.long.account.name.of.someone", 65535}, {L"\u00c5sa \u00d6berg", 12}};
-    for (const auto& [name, sessionId] : users) {
+    // Without the Login event the name is looked up from the SID.
+    accounts_.accounts[kBobSid] = {L"CORP", L"bob"};
+    const struct {
+        std::wstring name;
+        uint32_t sessionId;
+        const wchar_t* sid;
+        std::wstring shown;
+    } users[] = {{L"", 0, kAliceSid, L""},
+                 {L"a.very.long.account.name.of.someone", 65535, kBobSid,
+                  L"a.very.long.account.name.of.someone"},
+                 {L"\u00c5sa \u00d6berg", 12, nullptr, L"\u00c5sa \u00d6berg"},
+                 {L"", 7, kBobSid, L"bob"}};
+    for (const auto& [name, sessionId, sid, shown] : users) {
         SESSION_CONTEXT session;
         session.sessionId = sessionId;
         session.userName = name;
+        if (sid != nullptr) {
+            session.userSid = logonmon::Sid::FromString(sid);
+        }
         // Phases that started and never ended.
         session.timingPoints = {{L"WL_NotifyExecute_Login_Start", At(1)},
                                 {L"PROFILE_SYNC_START", At(2)},
                                 {L"WL_NotifyExecute_StartShell_Start", At(3)}};
-        const std::string header = Header(name, sessionId);
-        const size_t wideLength = Formatted("%ws", name.c_str()).size() - name.size();
+        const std::string header = Header(shown, sessionId);
+        const size_t wideLength = Formatted("%ws", shown.c_str()).size() - shown.size();
         EXPECT_THAT(Summary(session),
                     ElementsAreArray(Concat({{header},
                                              PolicyBlock(0, 0, 0, 0, 0),

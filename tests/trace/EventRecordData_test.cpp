@@ -68,6 +68,7 @@ TEST(EventRecordDataTest, SessionIdAndUserSidFromExtendedData) {
         Items items;
         uint32_t sessionId;
         std::wstring sidText;  // empty: no SID
+        bool fails = false;
     } cases[] = {
         {"none", {}, 0xFFFFFFFF, L""},
         {"the last TS_ID wins",
@@ -82,19 +83,30 @@ TEST(EventRecordDataTest, SessionIdAndUserSidFromExtendedData) {
          {{kExtTypeSid, sidAndPadding}},
          0xFFFFFFFF,
          L"S-1-5-21-1-2-3"},
-        {"a SID longer than its item, or no SID, is ignored",
-         {{kExtTypeSid, system},
-          {kExtTypeSid, truncatedSid},
-          {kExtTypeSid, {2, 0, 0, 0, 0, 0, 0, 5}},
-          {kExtTypeSid, {}}},
-         0xFFFFFFFF,
-         L"S-1-5-18"},
+        {"the last SID wins", {{kExtTypeSid, sid}, {kExtTypeSid, system}}, 0xFFFFFFFF, L"S-1-5-18"},
+        // An item that holds no whole SID fails the event.
+        {"a SID longer than its item",
+         {{kExtTypeSid, system}, {kExtTypeSid, truncatedSid}},
+         0,
+         L"",
+         true},
+        {"no SID", {{kExtTypeSid, {2, 0, 0, 0, 0, 0, 0, 5}}}, 0, L"", true},
+        {"an empty item", {{kExtTypeSid, {}}}, 0, L"", true},
     };
     ScopedFakeTdh tdh;
     for (const auto& c : cases) {
         EventBuilder builder;
         for (const auto& [type, data] : c.items) {
             builder.ExtendedItem(type, data);
+        }
+        if (c.fails) {
+            try {
+                const EventRecordData data(builder.Record());
+                ADD_FAILURE() << c.label;
+            } catch (const std::runtime_error& error) {
+                EXPECT_STREQ(logonmon::kUserSidCopyFailed, error.what()) << c.label;
+            }
+            continue;
         }
         const EventRecordData data(builder.Record());
         EXPECT_EQ(c.sessionId, data.sessionId) << c.label;

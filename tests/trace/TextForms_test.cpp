@@ -41,8 +41,16 @@ TEST(TextFormsTest, LocalTimestampsFollowTheTimeZone) {
     const std::string saved = previous != nullptr ? previous : "";
     setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1);
     tzset();
-    EXPECT_EQ(L"2024-01-15T07:00:00:123", TimestampText(133497936001230000, true));
-    EXPECT_EQ(L"2024-07-15T08:00:00:456", TimestampText(133655184004560000, true));
+    // Winter and summer time, and back from the local calendar.
+    for (const auto& [fileTime, text] :
+         {std::pair{133497936001230000ull, L"2024-01-15T07:00:00:123"},
+          std::pair{133655184004560000ull, L"2024-07-15T08:00:00:456"}}) {
+        EXPECT_EQ(text, TimestampText(fileTime, true));
+        uint64_t back = 0;
+        ASSERT_TRUE(LocalSystemTimeToFileTime(
+            UtcToLocalSystemTime(FileTimeToUtcSystemTime(fileTime)), &back));
+        EXPECT_EQ(fileTime, back);
+    }
     if (previous != nullptr) {
         setenv("TZ", saved.c_str(), 1);
     } else {
