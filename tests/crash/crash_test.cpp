@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "crash/DumpName.h"
-#include "crash/PurgeDumps.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogFiles.h"
 
@@ -134,23 +133,6 @@ TEST(CrashTest, AFaultLeavesItsLineAndADumpNamedForItOrOnlyTheLineWithDumpsOff) 
         EXPECT_EQ(plmx::testing::ReadFileBytes((data / dump).wstring()),
                   "type 0x7 thread " + std::to_string(run.mainThreadId) + " pointers 1");
     }
-}
-
-TEST(CrashTest, PurgeReportsWhatItCannotRemove) {
-    TempFolder folder;
-    plmx::testing::ScopedMainLog log(folder.Path());
-    const fs::path data = PrepareDataFolder(folder.Path());
-    Touch(data / kOldSchemeFolder / "inside");
-    const std::string dataText = Narrow(data.wstring());
-
-    EXPECT_EQ(NRVPurgeDumps(data.wstring(), kDumpPurgePattern), 0u);
-    EXPECT_EQ(NRVPurgeDumps(folder.Path() + L"missing", kDumpPurgePattern), 0x80070003u);
-    EXPECT_EQ(Names(data), (std::set<std::string>{kEarlierDump, kOldSchemeFolder}));
-    EXPECT_THAT(Tagged(ReadLines(log.Path())),
-                IsSupersetOf(std::vector<std::string>{
-                    "ERROR [NRVPurgeDumps] Failed Deleting Folder: " + dataText + "\\" +
-                        kOldSchemeFolder + ", 0x80070091",
-                    "ERROR [NRVPurgeDumps] Find Failed: 0x80070003"}));
 }
 
 TEST(CrashTest, ExceptionsWithoutAShortNameAreNamedByTheSystemOrUnknown) {
