@@ -1,6 +1,7 @@
 #include "app/LogSettings.h"
 
 #include "app/Settings.h"
+#include "diag/NetworkReport.h"
 #include "log/LogWriter.h"
 
 namespace {
@@ -38,5 +39,5 @@ void LogSettings([[maybe_unused]] logonmon::SESSION_CONTEXT* session) {
     LogMessage(nullptr, LOG_LEVEL_TRACE, kFunction, "Computer Name: %ws",
                names.computerName.c_str());
     LogMessage(nullptr, LOG_LEVEL_TRACE, kFunction, "FQDN: %ws", names.fqdn.c_str());
-    // The network adapter report follows the settings here, given `session`.
+    LogIpAddresses();
 }

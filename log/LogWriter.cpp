@@ -16,6 +16,7 @@
 #include "logonmon/SessionContext.h"
 #include "trace/EventRecordData.h"
 #include "trace/TextForms.h"
+#include "trace/UniqueHandle.h"
 
 namespace {
 
@@ -60,11 +61,6 @@ LogState& State() {
     return *state;
 }
 
-struct HandleCloser {
-    void operator()(HANDLE handle) const { CloseHandle(handle); }
-};
-using UniqueHandle = std::unique_ptr<void, HandleCloser>;
-
 class FileDescriptor {
   public:
     explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
@@ -102,11 +98,11 @@ FILE* OpenShared(const std::wstring& path) {
     }
     UniqueHandle handle(file);
     FileDescriptor descriptor(
-        _open_osfhandle(reinterpret_cast<intptr_t>(handle.get()), _O_APPEND | _O_TEXT));
+        _open_osfhandle(reinterpret_cast<intptr_t>(handle.Get()), _O_APPEND | _O_TEXT));
     if (descriptor.Get() == -1) {
         return nullptr;
     }
-    handle.release();
+    handle.Release();
     FILE* stream = _fdopen(descriptor.Get(), "a+");
     if (stream == nullptr) {
         return nullptr;

@@ -28,6 +28,28 @@ struct DiskStatistics {
     uint64_t freeBytes = 0;
 };
 
+// Running figures of one performance counter over a session's samples. The
+// minimum starts at 0 and is only ever lowered, so it stays 0: the sampling
+// has always reported it so.
+struct CounterFigures {
+    uint64_t sum = 0;
+    uint64_t maximum = 0;
+    uint64_t minimum = 0;
+};
+
+// CPU (percent) and memory figures sampled while the session was followed.
+struct SessionMetrics {
+    uint32_t cpuSamples = 0;
+    CounterFigures userCpu;
+    CounterFigures kernelCpu;
+    CounterFigures idleCpu;
+    uint32_t memorySamples = 0;
+    CounterFigures availableMB;
+    CounterFigures committedBytes;
+    CounterFigures nonPagedPoolBytes;
+    CounterFigures pagedPoolBytes;
+};
+
 struct SessionLog {
     // Draws a new identifier; the log is not open yet.
     SessionLog();
@@ -43,6 +65,7 @@ struct SessionLog {
     AccessToken userToken;
     ProfileStatistics profile;
     DiskStatistics disk;
+    SessionMetrics metrics;
 };
 
 // The session's log record, created empty under the log lock when the

@@ -12,9 +12,10 @@ bool IsZeroGuid(const GUID& guid) {
     return GuidEquals(guid, GUID{});
 }
 
-std::wstring PropertyText(const EventRecordData& record, const wchar_t* name) {
+const std::wstring& PropertyText(const EventRecordData& record, std::wstring_view name) {
+    static const std::wstring none;
     const auto found = record.properties.find(name);
-    return found == record.properties.end() ? std::wstring() : found->second;
+    return found == record.properties.end() ? none : found->second;
 }
 
 bool EqualsIgnoreCase(std::wstring_view left, std::wstring_view right) {

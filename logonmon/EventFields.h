@@ -15,7 +15,7 @@ inline constexpr uint32_t kNoSessionId = 0xFFFFFFFF;
 bool IsZeroGuid(const GUID& guid);
 
 // The property's text; empty when the event does not have it.
-std::wstring PropertyText(const EventRecordData& record, const wchar_t* name);
+const std::wstring& PropertyText(const EventRecordData& record, std::wstring_view name);
 
 // Equality with ASCII letters folded, as property names compare.
 bool EqualsIgnoreCase(std::wstring_view left, std::wstring_view right);

@@ -74,6 +74,12 @@ void LogonProcessor::LogFormatted(uint32_t, const wchar_t*, const char*, ...) {}
 
 void LogonProcessor::OnTimer() {
     RunSessionTimeoutCheck(false);
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    if (activeSessions_.empty() && timer_) {
+        timer_->Cancel();
+        cancelledTimer_ = std::move(timer_);
+        SwitchSampling(false);
+    }
 }
 
 void LogonProcessor::Configure(const SESSION_CONFIG& config) {
@@ -149,18 +155,14 @@ void LogonProcessor::AsyncEstablishSessionContext(const std::shared_ptr<EventRec
 
 std::shared_ptr<SESSION_CONTEXT> LogonProcessor::FindSessionContext(
     const EventRecordData& record) const {
+    static const Sid localSystem = *Sid::FromString(kLocalSystemSid);
     std::shared_ptr<SESSION_CONTEXT> context;
     const uint32_t sessionId = EventSessionId(record);
     if (sessionId != kNoSessionId) {
-        context = NewestSession(record.timestamp, [sessionId](const SESSION_CONTEXT& c) {
-            return c.sessionId == sessionId;
-        });
+        context = sessionIndex_.BySessionId(sessionId, record.timestamp);
     }
-    if (!context && record.userSid && record.userSid->ToString() != kLocalSystemSid) {
-        const Sid& sid = *record.userSid;
-        context = NewestSession(record.timestamp, [&sid](const SESSION_CONTEXT& c) {
-            return c.userSid && *c.userSid == sid;
-        });
+    if (!context && record.userSid && !(*record.userSid == localSystem)) {
+        context = sessionIndex_.BySid(*record.userSid, record.timestamp);
     }
     return context;
 }
@@ -290,9 +292,12 @@ void LogonProcessor::LogEventAsString(EventRecordData& record) {
 }
 
 void LogonProcessor::UpdateTimer() {
+    // Both destroyed outside the lock.
+    std::unique_ptr<PeriodicTimer> cancelled;
     std::unique_ptr<PeriodicTimer> stopped;
     {
         std::lock_guard<std::recursive_mutex> lock(mutex_);
+        cancelled = std::move(cancelledTimer_);
         if (!config_.realTime) {
             return;
         }
@@ -305,10 +310,7 @@ void LogonProcessor::UpdateTimer() {
                         : std::min(config_.sessionTimeoutMs, kLongestTimerPeriodMs);
                 timer_ = services_.timers->StartPeriodic(period, [this] { OnTimer(); });
             }
-            if (!samplingEnabled_) {
-                samplingEnabled_ = true;
-                EnableSampling(true);
-            }
+            SwitchSampling(true);
             return;
         }
         stopped = std::move(timer_);
@@ -320,17 +322,25 @@ void LogonProcessor::UpdateTimer() {
     stopped.reset();
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     // Another event may have started a new timer meanwhile.
-    if (!timer_ && samplingEnabled_) {
-        samplingEnabled_ = false;
-        EnableSampling(false);
+    if (!timer_) {
+        SwitchSampling(false);
+    }
+}
+
+void LogonProcessor::SwitchSampling(bool enable) {
+    if (samplingEnabled_ != enable) {
+        samplingEnabled_ = enable;
+        EnableSampling(enable);
     }
 }
 
 void LogonProcessor::StopTimer() {
     std::unique_ptr<PeriodicTimer> stopped;
+    std::unique_ptr<PeriodicTimer> cancelled;
     {
         std::lock_guard<std::recursive_mutex> lock(mutex_);
         stopped = std::move(timer_);
+        cancelled = std::move(cancelledTimer_);
     }
 }
 
@@ -401,12 +411,14 @@ std::shared_ptr<SESSION_CONTEXT> LogonProcessor::InitSession(uint32_t sessionId,
     context->createdAt = logonEvent.timestamp;
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     activeSessions_.push_back(context);
+    sessionIndex_.Add(context);
     return context;
 }
 
 void LogonProcessor::DropSession(const std::shared_ptr<SESSION_CONTEXT>& context) {
     activeSessions_.erase(std::remove(activeSessions_.begin(), activeSessions_.end(), context),
                           activeSessions_.end());
+    sessionIndex_.Remove(*context);
     if (context->lastEvent) {
         LinkToSession(*context->lastEvent, nullptr);
         context->lastEvent.reset();

@@ -13,6 +13,7 @@
 
 #include "logonmon/ProcessorServices.h"
 #include "logonmon/SessionContext.h"
+#include "logonmon/SessionIndex.h"
 #include "trace/EtwTypes.h"
 #include "trace/EventRecordData.h"
 
@@ -58,7 +59,8 @@ class LogonProcessor {
     // One log line: trace level (2, 4 or 5), the writing function's full
     // name, a printf format with Microsoft conventions ("%ws"), arguments.
     virtual void LogFormatted(uint32_t level, const wchar_t* function, const char* format, ...);
-    // The periodic tick: the timeout check.
+    // The periodic tick: the timeout check; once it leaves no session open,
+    // sampling is switched off and the timer stops.
     virtual void OnTimer();
 
     // Set before events arrive.
@@ -100,6 +102,8 @@ class LogonProcessor {
     void RouteEvent(EventRecordData& record);
     void LogEventAsString(EventRecordData& record);
     void UpdateTimer();
+    // Tells the owner when the answer changes.
+    void SwitchSampling(bool enable);
     void DropSession(const std::shared_ptr<SESSION_CONTEXT>& context);
 
     std::shared_ptr<SESSION_CONTEXT> FindSessionContext(const EventRecordData& record) const;
@@ -146,11 +150,16 @@ class LogonProcessor {
     const ProcessorServices services_;
     // In creation order.
     std::vector<std::shared_ptr<SESSION_CONTEXT>> activeSessions_;
+    // The same sessions, for finding an event's session.
+    SessionIndex sessionIndex_;
     // Profile service events by thread, Group Policy events by activity,
     // waiting for the session that claims them.
     HeldBackEvents heldBackByThread_;
     HeldBackEvents heldBackByActivity_;
     std::unique_ptr<PeriodicTimer> timer_;
+    // Cancelled by its own tick, which cannot wait for itself; destroyed
+    // later on another thread.
+    std::unique_ptr<PeriodicTimer> cancelledTimer_;
     // What the owner was last told through EnableSampling.
     bool samplingEnabled_ = false;
 };

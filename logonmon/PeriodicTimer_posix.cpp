@@ -15,12 +15,16 @@ class ThreadTimer : public PeriodicTimer {
         : period_(periodMs), tick_(std::move(tick)), thread_([this] { Run(); }) {}
 
     ~ThreadTimer() override {
+        Cancel();
+        thread_.join();
+    }
+
+    void Cancel() override {
         {
             std::lock_guard<std::mutex> lock(mutex_);
             stopping_ = true;
         }
         wake_.notify_one();
-        thread_.join();
     }
 
   private:

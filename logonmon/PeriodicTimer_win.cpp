@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "logonmon/ProcessorServices.h"
+#include "trace/UniqueHandle.h"
 
 namespace logonmon {
 
@@ -10,16 +11,29 @@ namespace {
 
 class TimerQueueTimer : public PeriodicTimer {
   public:
-    TimerQueueTimer(uint32_t periodMs, std::function<void()> tick) : tick_(std::move(tick)) {
-        if (!CreateTimerQueueTimer(&timer_, nullptr, &TimerQueueTimer::Callback, this, periodMs,
-                                   periodMs, WT_EXECUTEDEFAULT)) {
+    TimerQueueTimer(uint32_t periodMs, std::function<void()> tick)
+        : tick_(std::move(tick)), ticksDone_(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+        if (!ticksDone_ || !CreateTimerQueueTimer(&timer_, nullptr, &TimerQueueTimer::Callback,
+                                                  this, periodMs, periodMs, WT_EXECUTEDEFAULT)) {
             throw std::runtime_error("CreateTimerQueueTimer failed");
         }
     }
 
     ~TimerQueueTimer() override {
-        // INVALID_HANDLE_VALUE: wait for a callback that is running.
-        DeleteTimerQueueTimer(nullptr, timer_, INVALID_HANDLE_VALUE);
+        if (cancelled_) {
+            WaitForSingleObject(ticksDone_.Get(), INFINITE);
+        } else {
+            // INVALID_HANDLE_VALUE: wait for a callback that is running.
+            DeleteTimerQueueTimer(nullptr, timer_, INVALID_HANDLE_VALUE);
+        }
+    }
+
+    void Cancel() override {
+        if (!cancelled_) {
+            cancelled_ = true;
+            // Returns at once; the event is set once a running callback ended.
+            DeleteTimerQueueTimer(nullptr, timer_, ticksDone_.Get());
+        }
     }
 
   private:
@@ -28,7 +42,9 @@ class TimerQueueTimer : public PeriodicTimer {
     }
 
     const std::function<void()> tick_;
+    UniqueHandle ticksDone_;
     HANDLE timer_ = nullptr;
+    bool cancelled_ = false;
 };
 
 class TimerQueueService : public TimerService {

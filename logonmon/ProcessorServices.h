@@ -16,6 +16,9 @@ namespace logonmon {
 class PeriodicTimer {
   public:
     virtual ~PeriodicTimer() = default;
+    // Stops further ticks without waiting for one in progress, so that a
+    // tick may call it; destroy the timer later, elsewhere.
+    virtual void Cancel() = 0;
 };
 
 class TimerService {

@@ -152,7 +152,7 @@ void AppendLine(std::wstring& text, const std::wstring& label, bool nested,
 
 }  // namespace
 
-uint64_t PointValue(const TimingPoints& points, const std::wstring& name) {
+uint64_t PointValue(const TimingPoints& points, std::wstring_view name) {
     const auto found = points.find(name);
     return found == points.end() ? 0 : found->second;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "logonmon/SessionContext.h"
@@ -13,7 +14,7 @@
 namespace logonmon {
 
 // The value of the timing point `name`, 0 when the session has none.
-uint64_t PointValue(const TimingPoints& points, const std::wstring& name);
+uint64_t PointValue(const TimingPoints& points, std::wstring_view name);
 
 // Seconds from `start` to `stop` (100 ns units), worked out in single
 // precision on the unsigned difference: a stop before its start gives a huge

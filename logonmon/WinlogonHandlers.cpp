@@ -30,7 +30,7 @@ void LogonProcessor::RouteWinlogon(EventRecordData& record) {
         return;
     }
     // Without its notification an event names no phase.
-    const std::wstring notification = PropertyText(record, L"Event");
+    const std::wstring& notification = PropertyText(record, L"Event");
     if (notification.empty()) {
         return;
     }
@@ -54,20 +54,21 @@ void LogonProcessor::RouteWinlogon(EventRecordData& record) {
 // "WL_NotifyExecute_Login_Start", "WL_CallSubscriber_Profiles_Login_Start".
 void LogonProcessor::RecordWinlogonTimingPoint(EventRecordData& record,
                                                const std::wstring& notification) {
-    std::wstring name = L"WL_" + record.taskName + L"_";
-    const std::wstring subscriber = PropertyText(record, L"SubscriberName");
+    const std::wstring& subscriber = PropertyText(record, L"SubscriberName");
+    const std::wstring_view ending = record.opcode == kOpcodeStart ? std::wstring_view(L"Start")
+                                     : record.opcode == kOpcodeStop
+                                         ? std::wstring_view(L"Stop")
+                                         : std::wstring_view(record.opcodeName);
+    // Built in place, in one allocation.
+    std::wstring name;
+    name.reserve(8 + record.taskName.size() + subscriber.size() + notification.size() +
+                 ending.size());
+    name.append(L"WL_").append(record.taskName).append(L"_");
     if (!subscriber.empty()) {
-        name += subscriber + L"_";
+        name.append(subscriber).append(L"_");
     }
-    name += notification + L"_";
-    if (record.opcode == kOpcodeStart) {
-        name += L"Start";
-    } else if (record.opcode == kOpcodeStop) {
-        name += L"Stop";
-    } else {
-        name += record.opcodeName;
-    }
-    record.sessionContext->timingPoints[name] = record.timestamp;
+    name.append(notification).append(L"_").append(ending);
+    record.sessionContext->timingPoints.insert_or_assign(std::move(name), record.timestamp);
 }
 
 void LogonProcessor::Winlogon_CreateSession(EventRecordData& record) {
@@ -110,8 +111,8 @@ void LogonProcessor::Winlogon_Login_Started(EventRecordData& record) {
         if (!(context->userSid == record.userSid)) {
             context->userName.clear();
             context->userDomain.clear();
+            sessionIndex_.ChangeSid(context, record.userSid);
         }
-        context->userSid = record.userSid;
         context->userSidText = record.userSid->ToString();
         LogFormatted(kLevelVerbose, kFunction, "SID: %ws. sessionId=%d",
                      context->userSidText.c_str(), context->sessionId);

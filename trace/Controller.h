@@ -9,11 +9,9 @@
 #include <string>
 #include <vector>
 
-namespace logonmon {
+#include "trace/SessionNames.h"
 
-inline constexpr wchar_t kTimingSessionName[] = L"logonmon_timing";
-inline constexpr wchar_t kDiagnosticSessionName[] = L"logonmon_diag_trace_rt";
-inline constexpr wchar_t kFileSessionName[] = L"logonmon_diag_trace_file";
+namespace logonmon {
 
 struct TraceProvider {
     GUID providerId;

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "trace/EventSchema.h"
+#include "trace/SchemaCache.h"
 #include "trace/PropertyValueText.h"
 #include "trace/Providers.h"
 #include "trace/TextForms.h"
@@ -28,13 +29,11 @@ bool SameName(const std::wstring& left, const std::wstring& right) {
                       [](wchar_t a, wchar_t b) { return FoldCase(a) == FoldCase(b); });
 }
 
-std::wstring Trimmed(const std::wstring& text) {
-    const size_t first = text.find_first_not_of(kWhiteSpace);
-    if (first == std::wstring::npos) {
-        return std::wstring();
-    }
-    const size_t last = text.find_last_not_of(kWhiteSpace);
-    return text.substr(first, last - first + 1);
+// In place: a value that needs no trimming is not copied.
+std::wstring Trimmed(std::wstring text) {
+    text.erase(text.find_last_not_of(kWhiteSpace) + 1);
+    text.erase(0, text.find_first_not_of(kWhiteSpace));
+    return text;
 }
 
 std::wstring TextAt(const WCHAR* text) {
@@ -73,10 +72,11 @@ std::optional<Sid> UserSid(const EVENT_HEADER_EXTENDED_DATA_ITEM& item) {
 
 void DecodeSchema(EventRecordData& data, const EVENT_RECORD& record) {
     TdhApi& tdh = CurrentTdh();
-    EventSchemaBuffer schema = QueryEventSchema(record, tdh);
-    if (schema.bytes == nullptr) {
+    std::shared_ptr<const EventSchemaBuffer> shared = CachedEventSchema(record, tdh);
+    if (shared == nullptr) {
         return;
     }
+    const EventSchemaBuffer& schema = *shared;
     const TRACE_EVENT_INFO& info = *schema.Info();
     data.decodingSource = static_cast<uint32_t>(info.DecodingSource);
     data.providerName = TextAt(SchemaText(schema, info.ProviderNameOffset));
@@ -107,19 +107,21 @@ void DecodeSchema(EventRecordData& data, const EVENT_RECORD& record) {
         if (name == nullptr) {
             continue;  // a property without a name cannot be asked for
         }
-        const std::wstring key = TextAt(name);
+        std::wstring key = TextAt(name);
         const PropertyReader reader(tdh, record, name);
-        data.properties[key] = Trimmed(PropertyValueText(reader, property.nonStructType.InType,
-                                                         property.nonStructType.OutType,
-                                                         winlogon && SameName(key, L"Event")));
+        std::wstring value = Trimmed(PropertyValueText(reader, property.nonStructType.InType,
+                                                       property.nonStructType.OutType,
+                                                       winlogon && SameName(key, L"Event")));
+        // A later property of the same name overwrites the earlier.
+        data.properties.insert_or_assign(std::move(key), std::move(value));
         data.propertyNames[i] = name;
     }
-    data.eventInformation = std::move(schema.bytes);
+    data.schema = std::move(shared);
 }
 
 std::wstring ExpandMessageTemplate(EventRecordData& data) {
     std::wstring text;
-    if (data.eventInformation == nullptr || data.message == nullptr) {
+    if (data.schema == nullptr || data.message == nullptr) {
         return text;
     }
     const std::wstring pattern = TextAt(data.message);
@@ -184,7 +186,7 @@ std::wstring DescriptionFromNames(const EventRecordData& data) {
 
 }  // namespace
 
-bool PropertyNameLess::operator()(const std::wstring& left, const std::wstring& right) const {
+bool PropertyNameLess::operator()(std::wstring_view left, std::wstring_view right) const {
     return std::lexicographical_compare(
         left.begin(), left.end(), right.begin(), right.end(), [](wchar_t a, wchar_t b) {
             return static_cast<uint32_t>(FoldCase(a)) < static_cast<uint32_t>(FoldCase(b));
@@ -231,7 +233,7 @@ EventRecordData::EventRecordData(const EVENT_RECORD& record) {
 }
 
 const TRACE_EVENT_INFO* EventRecordData::EventInformation() const {
-    return reinterpret_cast<const TRACE_EVENT_INFO*>(eventInformation.get());
+    return schema ? schema->Info() : nullptr;
 }
 
 std::wstring EventRecordData::EventName() const {

@@ -8,9 +8,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "trace/EtwTypes.h"
+#include "trace/EventSchema.h"
 #include "trace/Sid.h"
 
 namespace logonmon {
@@ -18,9 +20,11 @@ namespace logonmon {
 struct SESSION_CONTEXT;
 
 // Orders property names without regard to ASCII case, character by
-// character; a key that is a prefix of a longer one sorts first.
+// character; a key that is a prefix of a longer one sorts first. Names are
+// looked up without building a string.
 struct PropertyNameLess {
-    bool operator()(const std::wstring& left, const std::wstring& right) const;
+    using is_transparent = void;
+    bool operator()(std::wstring_view left, std::wstring_view right) const;
 };
 
 // Thrown when the SID item of the extended data holds no whole SID; the
@@ -66,7 +70,8 @@ class EventRecordData {
     uint8_t level = 0;
     uint8_t opcode = 0;
     uint32_t sessionId = 0xFFFFFFFF;
-    std::unique_ptr<uint8_t[]> eventInformation;
+    // Shared by the events of one kind.
+    std::shared_ptr<const EventSchemaBuffer> schema;
     uint32_t decodingSource = 0;
     std::wstring providerName;
     std::wstring taskName;

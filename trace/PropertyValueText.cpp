@@ -34,10 +34,10 @@ std::wstring Ipv4Text(uint32_t address) {
            std::to_wstring(bytes[2]) + L"." + std::to_wstring(bytes[3]);
 }
 
+// The reader's buffer comes from operator new, aligned for any unit.
 std::wstring UnicodeText(const PropertyBytes& value) {
-    std::u16string units(value.size() / sizeof(char16_t), u'\0');
-    std::memcpy(units.data(), value.data(), units.size() * sizeof(char16_t));
-    return WideFromUtf16(units.data(), units.size());
+    return WideFromUtf16(reinterpret_cast<const char16_t*>(value.data()),
+                         value.size() / sizeof(char16_t));
 }
 
 std::wstring SidText(const PropertyBytes& value) {

@@ -44,6 +44,16 @@ unsigned DaysInMonth(unsigned year, unsigned month) {
     return month == 2 && IsLeapYear(year) ? 29 : kDays[month - 1];
 }
 
+// Units up to the first null, at most `maxUnits`; nothing beyond is read.
+template <typename Unit>
+size_t UnitsBeforeNull(const Unit* text, size_t maxUnits) {
+    size_t units = 0;
+    while (units < maxUnits && text[units] != 0) {
+        ++units;
+    }
+    return units;
+}
+
 std::wstring WideFromAscii(const char* text) {
     std::wstring wide;
     for (; *text != '\0'; ++text) {
@@ -120,14 +130,15 @@ std::wstring WideFromUtf16(const char16_t* text, size_t maxUnits) {
     if (text == nullptr) {
         return wide;
     }
-    for (size_t i = 0; i < maxUnits && text[i] != u'\0'; ++i) {
+    const size_t units = UnitsBeforeNull(text, maxUnits);
+    wide.reserve(units);  // one allocation: no text is longer in UTF-32
+    for (size_t i = 0; i < units; ++i) {
         const char16_t unit = text[i];
         if constexpr (sizeof(wchar_t) == 2) {
             wide.push_back(static_cast<wchar_t>(unit));
         } else {
             const bool highSurrogate = unit >= 0xD800 && unit <= 0xDBFF;
-            if (highSurrogate && i + 1 < maxUnits && text[i + 1] >= 0xDC00 &&
-                text[i + 1] <= 0xDFFF) {
+            if (highSurrogate && i + 1 < units && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF) {
                 const char32_t codePoint =
                     0x10000 + ((char32_t{unit} - 0xD800) << 10) + (char32_t{text[i + 1]} - 0xDC00);
                 wide.push_back(static_cast<wchar_t>(codePoint));
@@ -143,14 +154,10 @@ std::wstring WideFromUtf16(const char16_t* text, size_t maxUnits) {
 
 #ifdef _WIN32
 std::wstring WideFromUtf16(const WCHAR* text, size_t maxUnits) {
-    std::wstring wide;
     if (text == nullptr) {
-        return wide;
+        return std::wstring();
     }
-    for (size_t i = 0; i < maxUnits && text[i] != L'\0'; ++i) {
-        wide.push_back(text[i]);
-    }
-    return wide;
+    return std::wstring(text, UnitsBeforeNull(text, maxUnits));
 }
 #endif
 

@@ -57,14 +57,7 @@ class SettingsTest : public ::testing::Test {
 
     // "TAG message" of the lines that `source` wrote.
     Lines LinesFrom(const char* source) {
-        Lines lines;
-        for (const std::string& text : ReadLines(mainLog_.Path())) {
-            const auto line = ParseLogLine(text);
-            if (line && line->source == source) {
-                lines.push_back(line->level + " " + line->message);
-            }
-        }
-        return lines;
+        return plmx::testing::LinesFrom(mainLog_.Path(), source);
     }
 
     TempFolder folder_;

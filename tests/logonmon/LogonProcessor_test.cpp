@@ -267,6 +267,9 @@ TEST_F(LogonProcessorTest, TimesOutFromTheLastStartShellStop) {
         EXPECT_EQ(lines[0].session, 2);
         ASSERT_EQ(processor.endedSessions.size(), 1u);
         EXPECT_TRUE(processor.endedSessions[0].logonComplete);
+        // The last session settled: no more ticks, no more samples.
+        EXPECT_FALSE(timers_.Running());
+        EXPECT_EQ(processor.sampling, (std::vector<bool>{true, false}));
     }
 }
 

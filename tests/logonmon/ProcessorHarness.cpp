@@ -99,7 +99,8 @@ TestEvent Attach(const std::wstring& type, uint64_t time, size_t size, uint32_t 
 struct ManualTimerService::Timer : logonmon::PeriodicTimer {
     Timer(ManualTimerService& service, std::function<void()> tick)
         : service(service), tick(std::move(tick)) {}
-    ~Timer() override {
+    ~Timer() override { Cancel(); }
+    void Cancel() override {
         if (service.running_ == this) {
             service.running_ = nullptr;
         }

@@ -42,9 +42,18 @@ const PropertyDefinition* FindProperty(const EVENT_RECORD& event,
     if (served == nullptr || name == nullptr) {
         return nullptr;
     }
-    const std::wstring wanted = logonmon::WideFromUtf16(name);
+    // Compared unit by unit: looking up a property allocates nothing.
+    const auto named = [name](const std::wstring& candidate) {
+        size_t i = 0;
+        for (; i < candidate.size(); ++i) {
+            if (name[i] == 0 || static_cast<wchar_t>(name[i]) != candidate[i]) {
+                return false;
+            }
+        }
+        return name[i] == 0;
+    };
     for (const PropertyDefinition& property : served->properties) {
-        if (!property.isStruct && property.name == wanted) {
+        if (!property.isStruct && named(property.name)) {
             return &property;
         }
     }
@@ -159,6 +168,7 @@ void EventBuilder::BuildSchema() {
     TRACE_EVENT_INFO info{};
     info.ProviderGuid = header_.ProviderId;
     info.EventDescriptor = header_.EventDescriptor;
+    info.DecodingSource = static_cast<decltype(info.DecodingSource)>(decodingSource_);
     info.ProviderNameOffset = offsets[kProvider];
     info.TaskNameOffset = offsets[kTask];
     info.OpcodeNameOffset = offsets[kOpcode];

@@ -49,6 +49,11 @@ class EventBuilder {
         return Provider(GuidFromText(guidText));
     }
     EventBuilder& EventId(uint16_t id) { return Set(header_.EventDescriptor.Id, id); }
+    EventBuilder& Version(uint8_t version) { return Set(header_.EventDescriptor.Version, version); }
+    EventBuilder& Task(uint16_t task) { return Set(header_.EventDescriptor.Task, task); }
+    EventBuilder& Keyword(uint64_t keyword) {
+        return Set(header_.EventDescriptor.Keyword, keyword);
+    }
     EventBuilder& Opcode(uint8_t opcode) { return Set(header_.EventDescriptor.Opcode, opcode); }
     EventBuilder& Level(uint8_t level) { return Set(header_.EventDescriptor.Level, level); }
     EventBuilder& ProcessId(uint32_t pid) { return Set(header_.ProcessId, pid); }
@@ -72,6 +77,9 @@ class EventBuilder {
     EventBuilder& EventName(const std::wstring& name) { return SchemaName(kEvent, name); }
     EventBuilder& RelatedName(const std::wstring& name) { return SchemaName(kRelated, name); }
     EventBuilder& Message(const std::wstring& text) { return SchemaName(kMessage, text); }
+    // Built events carry their own schema, as TraceLogging events do, unless
+    // told that it comes from a manifest (0), which decoding may cache.
+    EventBuilder& DecodingSource(uint32_t source) { return Set(decodingSource_, source); }
     EventBuilder& Property(PropertyDefinition property);
     EventBuilder& Property(const std::wstring& name, const std::wstring& value) {
         return Property(StringProperty(name, value));  // UNICODESTRING
@@ -104,6 +112,7 @@ class EventBuilder {
     std::vector<std::pair<uint16_t, std::vector<uint8_t>>> extendedItems_;
     std::optional<std::vector<uint8_t>> payload_;
     std::array<std::optional<std::wstring>, kSlotCount> names_;
+    uint32_t decodingSource_ = 3;
     EVENT_RECORD record_{};
     std::vector<EVENT_HEADER_EXTENDED_DATA_ITEM> items_;
     std::vector<uint8_t> userData_;

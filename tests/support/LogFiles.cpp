@@ -121,6 +121,17 @@ std::optional<LogLine> ParseLogLine(const std::string& line) {
                    line.substr(source, sourceEnd - source), line.substr(sourceEnd + 2)};
 }
 
+std::vector<std::string> LinesFrom(const std::wstring& path, const std::string& source) {
+    std::vector<std::string> lines;
+    for (const std::string& text : ReadLines(path)) {
+        const std::optional<LogLine> line = ParseLogLine(text);
+        if (line && line->source.starts_with(source)) {
+            lines.push_back(line->level + " " + line->message);
+        }
+    }
+    return lines;
+}
+
 std::vector<std::string> Tagged(const std::vector<std::string>& lines) {
     std::vector<std::string> tagged;
     for (const std::string& line : lines) {

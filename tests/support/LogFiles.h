@@ -73,6 +73,9 @@ std::optional<LogLine> ParseLogLine(const std::string& line);
 // "<level> [<source>] <message>" of each line.
 std::vector<std::string> Tagged(const std::vector<std::string>& lines);
 
+// "<level> <message>" of the file's lines whose source begins with `source`.
+std::vector<std::string> LinesFrom(const std::wstring& path, const std::string& source);
+
 std::string Narrow(const std::wstring& text);
 
 }  // namespace plmx::testing

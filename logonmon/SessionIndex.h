@@ -1,0 +1,35 @@
+// The open sessions by terminal session id and by user SID, so that finding
+// an event's session does not walk every open session.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "logonmon/SessionContext.h"
+
+namespace logonmon {
+
+class SessionIndex {
+  public:
+    void Add(const std::shared_ptr<SESSION_CONTEXT>& context);
+    void Remove(const SESSION_CONTEXT& context);
+    // Gives an indexed session another user.
+    void ChangeSid(const std::shared_ptr<SESSION_CONTEXT>& context, const std::optional<Sid>& sid);
+
+    // Windows reuses session ids: the newest matching session that already
+    // existed at `timestamp`, or none.
+    std::shared_ptr<SESSION_CONTEXT> BySessionId(uint32_t sessionId, uint64_t timestamp) const;
+    std::shared_ptr<SESSION_CONTEXT> BySid(const Sid& sid, uint64_t timestamp) const;
+
+  private:
+    // In the order the sessions were added.
+    using Sessions = std::vector<std::shared_ptr<SESSION_CONTEXT>>;
+
+    std::unordered_map<uint32_t, Sessions> bySessionId_;
+    std::map<std::vector<uint8_t>, Sessions, std::less<>> bySid_;
+};
+
+}  // namespace logonmon

@@ -1,0 +1,73 @@
+#include "trace/SchemaCache.h"
+
+#include <array>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <tuple>
+
+namespace logonmon {
+
+namespace {
+
+// DECODING_SOURCE's DecodingSourceTlg and EVENT_HEADER_EXT_TYPE_EVENT_SCHEMA_TL.
+constexpr uint32_t kDecodingSourceTraceLogging = 3;
+constexpr uint16_t kExtTypeTraceLoggingSchema = 11;
+
+// What tells one kind of event from another, under the binding in use.
+using SchemaKey = std::tuple<uint64_t, std::array<uint8_t, sizeof(GUID)>, uint16_t, uint8_t,
+                             uint8_t, uint8_t, uint64_t>;
+
+SchemaKey KeyOf(const EVENT_RECORD& record) {
+    const EVENT_DESCRIPTOR& descriptor = record.EventHeader.EventDescriptor;
+    std::array<uint8_t, sizeof(GUID)> provider;
+    std::memcpy(provider.data(), &record.EventHeader.ProviderId, provider.size());
+    return {TdhBindingGeneration(), provider,         descriptor.Id,     descriptor.Version,
+            descriptor.Opcode,      descriptor.Level, descriptor.Keyword};
+}
+
+bool CarriesItsOwnSchema(const EVENT_RECORD& record) {
+    for (size_t i = 0; record.ExtendedData != nullptr && i < record.ExtendedDataCount; ++i) {
+        if (record.ExtendedData[i].ExtType == kExtTypeTraceLoggingSchema) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::shared_ptr<const EventSchemaBuffer> Fetch(const EVENT_RECORD& record, TdhApi& tdh) {
+    EventSchemaBuffer schema = QueryEventSchema(record, tdh);
+    return schema.bytes ? std::make_shared<const EventSchemaBuffer>(std::move(schema)) : nullptr;
+}
+
+}  // namespace
+
+std::shared_ptr<const EventSchemaBuffer> CachedEventSchema(const EVENT_RECORD& record,
+                                                           TdhApi& tdh) {
+    if (CarriesItsOwnSchema(record)) {
+        return Fetch(record, tdh);
+    }
+    static std::mutex mutex;
+    static std::map<SchemaKey, std::shared_ptr<const EventSchemaBuffer>> schemas;
+    const SchemaKey key = KeyOf(record);
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (!schemas.empty() && std::get<0>(schemas.begin()->first) != std::get<0>(key)) {
+            schemas.clear();
+        }
+        if (const auto found = schemas.find(key); found != schemas.end()) {
+            return found->second;
+        }
+    }
+    std::shared_ptr<const EventSchemaBuffer> schema = Fetch(record, tdh);
+    // Events without a schema are asked again: a manifest may be installed
+    // meanwhile.
+    if (schema &&
+        static_cast<uint32_t>(schema->Info()->DecodingSource) != kDecodingSourceTraceLogging) {
+        std::lock_guard<std::mutex> lock(mutex);
+        schemas.emplace(key, schema);
+    }
+    return schema;
+}
+
+}  // namespace logonmon
