@@ -8,12 +8,24 @@
 #include "log/LogWriter.h"
 #include "log/SessionLog.h"
 #include "monitor/UsageReport.h"
+#include "trace/ReplayEtlFile.h"
 
 namespace {
 
 constexpr wchar_t kRunRealTimeFunction[] = L"LogonMonitor::RunRealTime";
 constexpr wchar_t kRunFileFunction[] = L"LogonMonitor::RunFile";
 constexpr uint32_t kRealTimeSessionTimeoutMs = 120000;
+
+// The built-in reader opens files by narrow name, in the ANSI code page like
+// the C runtime's own.
+std::string AnsiPath(const std::wstring& path) {
+    const int size = WideCharToMultiByte(CP_ACP, 0, path.c_str(), -1, nullptr, 0, nullptr, nullptr);
+    std::string text(size > 0 ? size - 1 : 0, '\0');
+    if (size > 1) {
+        WideCharToMultiByte(CP_ACP, 0, path.c_str(), -1, text.data(), size, nullptr, nullptr);
+    }
+    return text;
+}
 
 bool FlagOn(uint32_t flag) {
     return Settings::Instance().IsFlagOn(flag);
@@ -111,9 +123,20 @@ void LogonMonitor::RunFile(const std::wstring& path) {
                 PreHandleEventRecord(eventRecord);
             });
         } else {
-            LogMessage(nullptr, LOG_LEVEL_ERROR, kRunFileFunction,
-                       "Failed to open trace file %ws, err %d", path.c_str(),
-                       static_cast<int>(GetLastError()));
+            // Where the system cannot read the trace (a machine without the
+            // providers' consumer, or Wine), the built-in reader and schemas can.
+            LogMessage(
+                nullptr, LOG_LEVEL_INFO, kRunFileFunction,
+                "The system cannot open trace file %ws, err %d; reading it with the built-in "
+                "trace reader and event schemas",
+                path.c_str(), static_cast<int>(GetLastError()));
+            const EtlReadResult result = logonmon::ReplayEtlFile(
+                AnsiPath(path),
+                [this](const EVENT_RECORD& eventRecord) { PreHandleEventRecord(&eventRecord); });
+            if (!result.complete) {
+                LogMessage(nullptr, LOG_LEVEL_ERROR, kRunFileFunction,
+                           "Failed to read trace file %ws: %s", path.c_str(), result.error.c_str());
+            }
         }
     } catch (const std::bad_alloc&) {
         LogMessage(nullptr, LOG_LEVEL_ERROR, kRunFileFunction, "LogonMonitor out of memory.");

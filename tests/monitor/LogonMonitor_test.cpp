@@ -135,6 +135,7 @@ TEST_F(MonitorTest, RunFileFinishesEveryLogonOfTheTrace) {
         ULONG openError;
         std::string error;
         Lines sessionLog;  // lines of the one session log, if any
+        std::wstring file = L"C:\\t.etl";
     } cases[] = {
         {{noShell}, 0, "", {summary}},
         {{failingOne},
@@ -147,8 +148,15 @@ TEST_F(MonitorTest, RunFileFinishesEveryLogonOfTheTrace) {
          {summary}},
         {{},
          ERROR_FILE_NOT_FOUND,
-         "ERROR [LogonMonitor::RunFile] Failed to open trace file C:\\t.etl, err 2",
+         "ERROR [LogonMonitor::RunFile] Failed to read trace file C:\\t.etl: cannot open C:\\t.etl",
          {}},
+        // A trace the system cannot open is read by the built-in reader.
+        {{},
+         ERROR_ACCESS_DENIED,
+         "",
+         {"INFO [Microsoft-Windows-Shell-Core] ****************** Session Summary (User=, "
+          "sessionId=2) *****************"},
+         PLMX_SAMPLES_DIR L"/fast_logon.etl"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.error);
@@ -157,9 +165,9 @@ TEST_F(MonitorTest, RunFileFinishesEveryLogonOfTheTrace) {
         }
         const size_t before = MainLog().size();
         consume_.openError = c.openError;
-        consume_.Queue(L"C:\\t.etl", c.script);
+        consume_.Queue(c.file, c.script);
 
-        Monitor(0)->RunFile(L"C:\\t.etl");
+        Monitor(0)->RunFile(c.file);
 
         EXPECT_EQ(Matching(MainLog(), "ERROR", before), c.error.empty() ? Lines{} : Lines{c.error});
         const auto files = SessionLogFiles();
