@@ -11,19 +11,7 @@
 set -eu
 cd "$(dirname "$0")/.."
 
-packages=(cmake make clang)
-missing=()
-for package in "${packages[@]}"; do
-    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||
-        missing+=("$package")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-    echo "Installing: ${missing[*]}"
-    sudo_cmd=""
-    [ "$(id -u)" -eq 0 ] || sudo_cmd="sudo"
-    $sudo_cmd apt-get update -q
-    DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -q "${missing[@]}"
-fi
+scripts/install-packages.sh cmake make clang
 
 output=build/replay/session-logs
 if [ "${1:-}" = "--output" ] && [ $# -ge 2 ]; then

@@ -7,18 +7,7 @@ cd "$(dirname "$0")/.."
 
 packages=(g++-mingw-w64-x86-64-posix wine64 cmake make googletest libgtest-dev libgmock-dev
           libbenchmark-dev clang libclang-rt-14-dev)
-missing=()
-for package in "${packages[@]}"; do
-    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||
-        missing+=("$package")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-    echo "Installing: ${missing[*]}"
-    sudo_cmd=""
-    [ "$(id -u)" -eq 0 ] || sudo_cmd="sudo"
-    $sudo_cmd apt-get update -q || exit 1
-    DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -q "${missing[@]}" || exit 1
-fi
+scripts/install-packages.sh "${packages[@]}" || exit 1
 
 total_passed=0
 total_failed=0
