@@ -44,20 +44,22 @@ enum Notification : uint32_t {
     kEndShell = 13,
 };
 
+// Every member has an initializer, so that designated initializers may leave
+// any out.
 struct TestEvent {
-    std::wstring provider;
+    std::wstring provider{};
     uint16_t id = 0;
     uint8_t opcode = 0;
     uint64_t time = kMorning;
-    std::optional<uint32_t> session;
-    std::optional<std::wstring> sid;
+    std::optional<uint32_t> session{};
+    std::optional<std::wstring> sid{};
     uint32_t thread = 0x100;
-    std::optional<std::wstring> activity;
-    std::wstring task;
-    std::wstring opcodeName;
-    std::wstring message;
-    std::vector<PropertyDefinition> properties;
-    std::optional<std::vector<uint8_t>> payload;
+    std::optional<std::wstring> activity{};
+    std::wstring task{};
+    std::wstring opcodeName{};
+    std::wstring message{};
+    std::vector<PropertyDefinition> properties{};
+    std::optional<std::vector<uint8_t>> payload{};
 };
 
 // Winlogon's NotifyExecute start and stop (801/802) and CallSubscriber

@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <sstream>
 
+#include "logonmon/PrintfFormat.h"
 #include "logonmon/SessionTimeline.h"
 #include "tests/logonmon/ProcessorHarness.h"
 #include "trace/TextForms.h"
@@ -44,6 +46,15 @@ Lines Sums(const Lines& texts) {
         lines.push_back(Sum(text));
     }
     return lines;
+}
+// As the log writes it: the Windows C runtime converts wide text through the
+// C locale.
+std::string Formatted(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::string text = logonmon::FormatPrintf(format, args);
+    va_end(args);
+    return text;
 }
 Lines Concat(std::initializer_list<Lines> parts) {
     Lines all;
@@ -286,7 +297,7 @@ TEST_F(SessionSummaryTest, BareSessionsKeepThePolicyBlockAndAMatchingFooter) {
                                     L", sessionId=" + std::to_wstring(sessionId) +
                                     L") *****************";
         EXPECT_THAT(Summary(Processor(), session),
-                    ElementsAreArray(Concat({{Sum(logonmon::Utf8FromWide(header))},
+                    ElementsAreArray(Concat({{Sum(Formatted("%ws", header.c_str()))},
                                              PolicyBlock(0, 0, 0, 0, 0),
                                              Footer(sessionId, header.size())})));
     }
