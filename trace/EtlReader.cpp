@@ -1,11 +1,11 @@
 #include "trace/EtlReader.h"
 
 #include <algorithm>
-#include <fstream>
 #include <cstdio>
 #include <vector>
 
 #include "trace/EtlLayout.h"
+#include "trace/MappedFile.h"
 
 using namespace logonmon::etl;
 
@@ -282,16 +282,9 @@ EtlReadResult ReadEtlBytes(const uint8_t* data, size_t size,
 
 EtlReadResult ReadEtlFile(const std::string& path,
                           const std::function<void(const EVENT_RECORD&)>& onEvent) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        return EtlReadResult{0, false, "cannot open " + path};
+    const MappedFile file(path);
+    if (!file.error().empty()) {
+        return EtlReadResult{0, false, file.error()};
     }
-    file.seekg(0, std::ios::end);
-    const std::streamoff size = file.tellg();
-    file.seekg(0, std::ios::beg);
-    std::vector<uint8_t> bytes(size > 0 ? static_cast<size_t>(size) : 0);
-    if (size < 0 || !file.read(reinterpret_cast<char*>(bytes.data()), size)) {
-        return EtlReadResult{0, false, "cannot read " + path};
-    }
-    return ReadEtlBytes(bytes.data(), bytes.size(), onEvent);
+    return ReadEtlBytes(file.data(), file.size(), onEvent);
 }
