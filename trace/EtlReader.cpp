@@ -70,6 +70,10 @@ class EtlParser {
         if (!error.empty()) {
             return error;
         }
+        // Records rarely take less than this with their extended data; one
+        // allocation then holds the whole index.
+        constexpr size_t kTypicalRecordSize = 128;
+        records_.reserve(size_ / kTypicalRecordSize);
         const size_t buffersInFile = (size_ + bufferSize_ - 1) / bufferSize_;
         const size_t buffersToRead =
             buffersWritten_ != 0 ? std::min<size_t>(buffersWritten_, buffersInFile) : buffersInFile;
