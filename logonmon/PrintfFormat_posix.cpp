@@ -59,6 +59,32 @@ class Output {
         length_ += count;
     }
 
+    // Wide text as UTF-8; characters that cannot be encoded (surrogates,
+    // beyond U+10FFFF) become U+FFFD.
+    void AppendUtf8(const wchar_t* text, size_t length) {
+        for (size_t i = 0; i < length; ++i) {
+            // Runs of ASCII, by far the most of it, go straight in.
+            size_t run = 0;
+            while (i + run < length && static_cast<uint32_t>(text[i + run]) < 0x80) {
+                ++run;
+            }
+            if (run != 0) {
+                if (length_ < capacity_) {
+                    const size_t copied = std::min(run, capacity_ - length_);
+                    for (size_t k = 0; k < copied; ++k) {
+                        buffer_[length_ + k] = static_cast<char>(text[i + k]);
+                    }
+                }
+                length_ += run;
+                i += run;
+                if (i == length) {
+                    break;
+                }
+            }
+            AppendCodePoint(static_cast<char32_t>(text[i]));
+        }
+    }
+
     // A host printf directive with its argument, written in place.
     void AppendHost(const char* directive, ...) {
         va_list args;
@@ -73,6 +99,26 @@ class Output {
     }
 
   private:
+    void AppendCodePoint(char32_t codePoint) {
+        if ((codePoint >= 0xD800 && codePoint <= 0xDFFF) || codePoint > 0x10FFFF) {
+            codePoint = 0xFFFD;
+        }
+        char bytes[4];
+        size_t count = 0;
+        if (codePoint < 0x800) {
+            bytes[count++] = static_cast<char>(0xC0 | (codePoint >> 6));
+        } else if (codePoint < 0x10000) {
+            bytes[count++] = static_cast<char>(0xE0 | (codePoint >> 12));
+            bytes[count++] = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        } else {
+            bytes[count++] = static_cast<char>(0xF0 | (codePoint >> 18));
+            bytes[count++] = static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F));
+            bytes[count++] = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        }
+        bytes[count++] = static_cast<char>(0x80 | (codePoint & 0x3F));
+        Append(bytes, count);
+    }
+
     char* buffer_;
     size_t capacity_;
     size_t length_ = 0;
@@ -199,33 +245,6 @@ void AppendUnsigned(Output& out, const Conversion& conversion, char type, va_lis
     out.AppendHost(directive, value);
 }
 
-// Characters that cannot be encoded (surrogates, beyond U+10FFFF) become
-// U+FFFD.
-void AppendUtf8(Output& out, wchar_t character) {
-    auto codePoint = static_cast<char32_t>(character);
-    if ((codePoint >= 0xD800 && codePoint <= 0xDFFF) || codePoint > 0x10FFFF) {
-        codePoint = 0xFFFD;
-    }
-    if (codePoint < 0x80) {
-        out.Append(static_cast<char>(codePoint));
-        return;
-    }
-    char bytes[4];
-    size_t count = 0;
-    if (codePoint < 0x800) {
-        bytes[count++] = static_cast<char>(0xC0 | (codePoint >> 6));
-    } else if (codePoint < 0x10000) {
-        bytes[count++] = static_cast<char>(0xE0 | (codePoint >> 12));
-        bytes[count++] = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
-    } else {
-        bytes[count++] = static_cast<char>(0xF0 | (codePoint >> 18));
-        bytes[count++] = static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F));
-        bytes[count++] = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
-    }
-    bytes[count++] = static_cast<char>(0x80 | (codePoint & 0x3F));
-    out.Append(bytes, count);
-}
-
 // Width counts characters, not bytes, so that wide text lines up.
 void AppendWide(Output& out, const wchar_t* text, size_t length, const Conversion& conversion) {
     const size_t padding = Padding(conversion, length);
@@ -233,9 +252,7 @@ void AppendWide(Output& out, const wchar_t* text, size_t length, const Conversio
     if (!left) {
         out.Fill(' ', padding);
     }
-    for (size_t i = 0; i < length; ++i) {
-        AppendUtf8(out, text[i]);
-    }
+    out.AppendUtf8(text, length);
     if (left) {
         out.Fill(' ', padding);
     }
@@ -309,33 +326,48 @@ Conversion ParseConversion(const char*& p, va_list& args) {
             }
         }
     }
-    if (std::strncmp(p, "I64", 3) == 0) {
-        conversion.size = ArgSize::Int64;
-        p += 3;
-    } else if (std::strncmp(p, "I32", 3) == 0) {
-        conversion.size = ArgSize::Int32;
-        p += 3;
-    } else if (std::strncmp(p, "hh", 2) == 0) {
-        conversion.size = ArgSize::Char;
-        p += 2;
-    } else if (std::strncmp(p, "ll", 2) == 0) {
-        conversion.size = ArgSize::Int64;
-        p += 2;
-    } else if (*p == 'h') {
-        conversion.size = ArgSize::Short;
-        ++p;
-    } else if (*p == 'l') {
-        conversion.size = ArgSize::Int32;
-        conversion.wide = true;
-        ++p;
-    } else if (*p == 'w') {
-        conversion.wide = true;
-        ++p;
-    } else if (*p == 'I' || *p == 'z' || *p == 'j' || *p == 't') {
-        conversion.size = ArgSize::Pointer;
-        ++p;
-    } else if (*p == 'L') {
-        ++p;  // long double is double there
+    switch (*p) {
+        case 'I':
+            if (p[1] == '6' && p[2] == '4') {
+                conversion.size = ArgSize::Int64;
+                p += 3;
+            } else if (p[1] == '3' && p[2] == '2') {
+                conversion.size = ArgSize::Int32;
+                p += 3;
+            } else {
+                conversion.size = ArgSize::Pointer;
+                ++p;
+            }
+            break;
+        case 'h':
+            conversion.size = p[1] == 'h' ? ArgSize::Char : ArgSize::Short;
+            p += p[1] == 'h' ? 2 : 1;
+            break;
+        case 'l':
+            if (p[1] == 'l') {
+                conversion.size = ArgSize::Int64;
+                p += 2;
+            } else {
+                conversion.size = ArgSize::Int32;
+                conversion.wide = true;
+                ++p;
+            }
+            break;
+        case 'w':
+            conversion.wide = true;
+            ++p;
+            break;
+        case 'z':
+        case 'j':
+        case 't':
+            conversion.size = ArgSize::Pointer;
+            ++p;
+            break;
+        case 'L':
+            ++p;  // long double is double there
+            break;
+        default:
+            break;
     }
     if (conversion.size == ArgSize::Short && (*p == 's' || *p == 'c')) {
         conversion.wide = false;
