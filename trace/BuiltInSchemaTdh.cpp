@@ -188,7 +188,7 @@ bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,
         const size_t available = total - offset;
         const size_t size =
             std::min(PropertySize(property, data + offset, available, pointer32), available);
-        if (entry.nameLengths[i] == wantedLength &&
+        if (entry.nameLengths[i] == wantedLength && property.name[0] == name[0] &&
             std::memcmp(property.name, name, wantedLength * sizeof(char16_t)) == 0) {
             *span = Span{offset, size};
             return true;

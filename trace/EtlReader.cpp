@@ -52,13 +52,15 @@ class Clock {
     int64_t startTime_ = 0;
 };
 
+// Kept small: a trace holds millions.
 struct IndexedRecord {
     int64_t timestamp;  // already converted
     size_t offset;
-    uint32_t size;
     uint32_t bufferContext;
+    uint16_t size;  // EVENT_HEADER.Size is 16 bits
     uint16_t itemCount;
 };
+static_assert(sizeof(IndexedRecord) <= 24);
 
 class EtlParser {
   public:
@@ -259,8 +261,8 @@ class EtlParser {
             }
         }
         const int64_t raw = Load<int64_t>(record + offsetof(EVENT_HEADER, TimeStamp));
-        records_.push_back(IndexedRecord{clock_.ToFileTime(raw), at, static_cast<uint32_t>(size),
-                                         context, itemCount});
+        records_.push_back(IndexedRecord{clock_.ToFileTime(raw), at, context,
+                                         static_cast<uint16_t>(size), itemCount});
         return {};
     }
 
