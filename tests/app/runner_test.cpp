@@ -32,6 +32,7 @@ TEST(RunnerTest, AFailedNameQueryEndsTheRunWithZeroAfterItsTwoLines) {
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, kSettingsKeyPath);
         CloseMainLog();  // a failed start-up leaves it open
         const std::vector<std::string> lines = Tagged(ReadLines(folder.Path() + L"plmx.txt"));
+        ASSERT_GE(lines.size(), 2u);
         EXPECT_THAT(
             std::vector(lines.end() - 2, lines.end()),
             ::testing::ElementsAre(
