@@ -69,7 +69,6 @@ TEST(SettingsTest, LoadTakesValuesOfTheirTypeClampedAndKeepsTheDefaultsOtherwise
         {L"LogHistoryDepth", REG_DWORD, Dword(0), "LogHistoryDepth", L"1", 2},
         {L"LogHistoryDepth", REG_DWORD, Dword(11), "LogHistoryDepth", L"10", 2},
         {L"LogHistoryDepth", REG_BINARY, Dword(40), "LogHistoryDepth", L"40", 2},
-        {L"LogHistoryDepth", REG_QWORD, Bytes{3, 0, 0, 0, 0, 0, 0, 0}, "LogHistoryDepth", L"10", 2},
         {L"LogMaxSizeMB", REG_DWORD, Dword(0), "LogMaxSize", L"1000000", 2},
         {L"LogMaxSizeMB", REG_DWORD, Dword(5000), "LogMaxSize", L"1000000000", 2},
         {L"LogMaxSizeMB", REG_BINARY, Dword(25), "LogMaxSize", L"25", 2},
@@ -84,11 +83,9 @@ TEST(SettingsTest, LoadTakesValuesOfTheirTypeClampedAndKeepsTheDefaultsOtherwise
         {L"LogPath", REG_DWORD, Dword(7), "LogPath", folder + L"Logs\\", 2},
         {L"DataDir", REG_EXPAND_SZ, Text(L"%SystemRoot%\\" + longName), "DataDir",
          L"\\\\?\\" + root + L"\\" + longName + L"\\", 2},
-        {L"DataDir", REG_BINARY, Text(L"D:\\Data"), "DataDir", folder + L"Data\\", 2},
         {L"RemoteLogPath", REG_EXPAND_SZ, Text(L"%SystemRoot%\\share"), "RemoteLogPath",
          L"%SystemRoot%\\share", 0},
         {L"RemoteLogPath", REG_DWORD, Dword(1), "RemoteLogPath", L"", 13},
-        {L"RemoteLogPath", REG_MULTI_SZ, Dword(1), "RemoteLogPath", L"", 13},
     };
     TempFolder logs;
     const ScopedMainLog mainLog(logs.Path());

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -19,7 +18,7 @@ namespace plmx::testing {
 namespace {
 
 constexpr int kLines = 5000;
-constexpr char kSource[] = "[Concurrency::Writer] ";  // 22 characters
+constexpr char kSource[] = "[Concurrency::Writer] ";
 
 std::string Message(char label, int writer, int index) {
     char text[64];
@@ -40,12 +39,12 @@ void ExpectWholeOrderedLines(const std::vector<std::wstring>& paths, char label,
                 continue;
             }
             const size_t source = text.find(kSource);
-            const std::string message = text.substr(std::min(source, text.size()) + 22);
+            const std::string message =
+                source == std::string::npos ? "" : text.substr(source + sizeof kSource - 1);
             char seen = 0;
             int writer = -1;
             int index = -1;
-            ASSERT_TRUE(source != std::string::npos &&
-                        sscanf(message.c_str(), "%c%d L%d", &seen, &writer, &index) == 3 &&
+            ASSERT_TRUE(sscanf(message.c_str(), "%c%d L%d", &seen, &writer, &index) == 3 &&
                         seen == label && writer >= 0 && writer < writers &&
                         message == Message(label, writer, index))
                 << "not a whole line of " << label << ": " << text;
