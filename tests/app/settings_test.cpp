@@ -90,17 +90,17 @@ TEST(SettingsTest, LoadTakesValuesOfTheirTypeClampedAndKeepsTheDefaultsOtherwise
     TempFolder logs;
     const ScopedMainLog mainLog(logs.Path());
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, kSettingsKeyPath);
-    const auto [loaded, lines] = Load(mainLog);
-    EXPECT_EQ(loaded, defaults);
     // Without a key the remote path is read from no key: an invalid handle.
-    EXPECT_EQ(lines, (Lines{"ERROR Failed reading remote log path, error 6", "TRACE Log Level: 31",
-                            "TRACE Log History Depth: 10", "TRACE Log Max size: 100000000"}));
+    EXPECT_EQ(Load(mainLog),
+              std::make_pair(defaults, Lines{"ERROR Failed reading remote log path, error 6",
+                                             "TRACE Log Level: 31", "TRACE Log History Depth: 10",
+                                             "TRACE Log Max size: 100000000"}));
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.field) + " " + Narrow(c.expected));
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, kSettingsKeyPath);
         RegSetKeyValueW(HKEY_LOCAL_MACHINE, kSettingsKeyPath, c.name, c.type, c.data.data(),
                         static_cast<DWORD>(c.data.size()));
-        auto [loaded, lines] = Load(mainLog);
+        const auto [loaded, lines] = Load(mainLog);
         std::map<std::string, std::wstring> expected = defaults;
         expected[c.field] = c.expected;
         EXPECT_EQ(loaded, expected);
