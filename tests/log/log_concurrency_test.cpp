@@ -70,27 +70,22 @@ TEST(LogConcurrencyTest, LinesStayWholeInOrderAndInTheirLogAcrossARoll) {
     ScopedFakeTdh tdh;
     TempFolder folder;
     ScopedMainLog mainLog(folder.Path(), kLimit);
-    std::vector<std::wstring> sessionPaths;
-    std::vector<std::unique_ptr<logonmon::EventRecordData>> records;
-    for (uint32_t s = 0; s < 2; ++s) {
-        const auto session = std::make_shared<logonmon::SESSION_CONTEXT>();
-        session->sessionId = s + 1;
-        const std::shared_ptr<SessionLog> sessionLog = SessionLogOf(*session);
-        sessionPaths.push_back(folder.Path() + sessionLog->logId + L".txt");
-        ASSERT_TRUE(OpenLog(sessionPaths[s], *sessionLog));
-        for (int t = 0; t < 2; ++t) {
-            EventBuilder builder;
-            builder.EventId(1).Level(4);
-            records.push_back(std::make_unique<logonmon::EventRecordData>(builder.Record()));
-            logonmon::LinkToSession(*records.back(), session);
-        }
-    }
     std::vector<std::thread> writers;
-    for (size_t r = 0; r < records.size(); ++r) {
-        writers.emplace_back([&records, r] {
-            logonmon::ScopedCurrentRecord current(records[r].get());
-            WriteLines(r < 2 ? 'A' : 'B', static_cast<int>(r % 2));
-        });
+    std::vector<std::unique_ptr<logonmon::EventRecordData>> records;
+    std::vector<std::shared_ptr<SessionLog>> sessionLogs;
+    for (const wchar_t label : {L'A', L'B'}) {
+        const auto session = std::make_shared<logonmon::SESSION_CONTEXT>();
+        sessionLogs.push_back(SessionLogOf(*session));
+        EXPECT_TRUE(OpenLog(folder.Path() + label + L".txt", *sessionLogs.back()));
+        for (int writer = 0; writer < 2; ++writer) {
+            records.push_back(std::make_unique<logonmon::EventRecordData>(
+                EventBuilder().EventId(1).Level(4).Record()));
+            logonmon::LinkToSession(*records.back(), session);
+            writers.emplace_back([record = records.back().get(), label, writer] {
+                const logonmon::ScopedCurrentRecord current(record);
+                WriteLines(static_cast<char>(label), writer);
+            });
+        }
     }
     for (int writer = 0; writer < 8; ++writer) {
         writers.emplace_back(WriteLines, 'T', writer);
@@ -98,12 +93,12 @@ TEST(LogConcurrencyTest, LinesStayWholeInOrderAndInTheirLogAcrossARoll) {
     for (std::thread& writer : writers) {
         writer.join();
     }
-    for (const auto& record : records) {
-        CloseSessionLog(*record->sessionContext->sessionLog);
+    for (const std::shared_ptr<SessionLog>& sessionLog : sessionLogs) {
+        CloseSessionLog(*sessionLog);
     }
 
-    ExpectWholeOrderedLines({sessionPaths[0]}, 'A', 2);
-    ExpectWholeOrderedLines({sessionPaths[1]}, 'B', 2);
+    ExpectWholeOrderedLines({folder.Path() + L"A.txt"}, 'A', 2);
+    ExpectWholeOrderedLines({folder.Path() + L"B.txt"}, 'B', 2);
     ExpectWholeOrderedLines({mainLog.BackupPath(), mainLog.Path()}, 'T', 8);
     // The roll came right after the line that crossed the limit.
     const size_t backupSize = ReadFileBytes(mainLog.BackupPath()).size();
