@@ -1,26 +1,30 @@
 // A logon processor that records its hook calls and log lines, fakes for its
-// operating-system services, and a compact description of test events.
+// operating-system services, and test events described in a few fields.
 #pragma once
 
+#include <cstdarg>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "logonmon/CurrentRecord.h"
 #include "logonmon/LogonProcessor.h"
+#include "logonmon/PrintfFormat.h"
 #include "tests/support/EventBuilder.h"
+#include "trace/TextForms.h"
 
 namespace plmx::testing {
 
 inline constexpr uint64_t kSecond = 10'000'000;
-// 2024-03-01T08:00:00Z
-inline constexpr uint64_t kMorning = 133'537'536'000'000'000;
+inline constexpr uint64_t kMorning = 133'537'536'000'000'000;  // 2024-03-01T08:00:00Z
 
 inline constexpr wchar_t kWinlogonGuid[] = L"dbe9b383-7cf3-4331-91cc-a3cb16a3b538";
 inline constexpr wchar_t kShellCoreGuid[] = L"30336ed4-e327-447c-9de0-51b652c86108";
@@ -56,49 +60,122 @@ struct TestEvent {
     uint32_t thread = 0x100;
     std::optional<std::wstring> activity{};
     std::wstring task{};
-    std::wstring opcodeName{};
     std::wstring message{};
     std::vector<PropertyDefinition> properties{};
     std::optional<std::vector<uint8_t>> payload{};
 };
 
-// Winlogon's NotifyExecute start and stop (801/802) and CallSubscriber
-// events (811/812) for one subscriber.
-TestEvent NotifyStart(Notification notification, uint32_t session, uint64_t time);
-TestEvent NotifyStop(Notification notification, uint32_t session, uint64_t time);
-TestEvent SubscriberEvent(uint16_t id, uint8_t opcode, Notification notification,
-                          const std::wstring& subscriber, uint32_t session, uint64_t time);
-TestEvent CreateSession(uint32_t session, const std::wstring& sid, uint64_t time);
-TestEvent Login(uint32_t session, const std::wstring& sid, uint64_t time);
-TestEvent ShellInitialized(uint32_t session, uint64_t time);
+// Winlogon's NotifyExecute (801/802) and CallSubscriber (811/812) events.
+inline TestEvent SubscriberEvent(uint16_t id, uint8_t opcode, Notification notification,
+                                 const std::wstring& subscriber, uint32_t session, uint64_t time) {
+    TestEvent event{.provider = kWinlogonGuid,
+                    .id = id,
+                    .opcode = opcode,
+                    .time = time,
+                    .session = session,
+                    .sid = kSystemSid,
+                    .task = subscriber.empty() ? L"NotifyExecute" : L"CallSubscriber",
+                    .properties = {UInt32Property(L"Event", notification)}};
+    if (!subscriber.empty()) {
+        event.properties.push_back(StringProperty(L"SubscriberName", subscriber));
+    }
+    return event;
+}
+inline TestEvent NotifyStart(Notification notification, uint32_t session, uint64_t time) {
+    return SubscriberEvent(801, 1, notification, L"", session, time);
+}
+inline TestEvent NotifyStop(Notification notification, uint32_t session, uint64_t time) {
+    return SubscriberEvent(802, 2, notification, L"", session, time);
+}
+inline TestEvent CreateSession(uint32_t session, const std::wstring& sid, uint64_t time) {
+    TestEvent event = NotifyStart(kCreateSession, session, time);
+    event.sid = sid;
+    return event;
+}
+inline TestEvent Login(uint32_t session, const std::wstring& sid, uint64_t time) {
+    TestEvent event = NotifyStart(kLogin, session, time);
+    event.sid = sid;
+    return event;
+}
+inline TestEvent ShellInitialized(uint32_t session, uint64_t time) {
+    return {.provider = kShellCoreGuid, .id = 9602, .opcode = 2, .time = time, .session = session};
+}
 // A remote agent event of `size` bytes (header session 2): the session id,
 // then UTF-16 text fields at their offsets, each cut at the payload's end.
-TestEvent AgentEvent(uint16_t id, size_t size, uint32_t session, uint64_t time,
-                     const std::vector<std::pair<size_t, std::wstring>>& fields = {});
+inline TestEvent AgentEvent(uint16_t id, size_t size, uint32_t session, uint64_t time,
+                            const std::vector<std::pair<size_t, std::wstring>>& fields = {}) {
+    TestEvent event{.provider = kRemoteAgentGuid, .id = id, .time = time, .session = 2};
+    std::vector<uint8_t>& payload = event.payload.emplace(size, 0);
+    for (size_t i = 0; i < 4 && i < size; ++i) {
+        payload[i] = static_cast<uint8_t>(session >> (8 * i));
+    }
+    for (const auto& [offset, text] : fields) {
+        for (size_t i = 0; i < text.size() && offset + 2 * i + 1 < size; ++i) {
+            payload[offset + 2 * i] = static_cast<uint8_t>(text[i]);
+            payload[offset + 2 * i + 1] = static_cast<uint8_t>(text[i] >> 8);
+        }
+    }
+    return event;
+}
 
 // Gives `builder` the header, schema and properties of `event`.
-void Describe(const TestEvent& event, EventBuilder& builder);
-
-struct ProcessorLogLine {
-    uint32_t level;
-    std::wstring function;
-    std::string text;
-    // The session the thread's current event is bound to, -1 for none.
-    int64_t session;
-};
+inline void Describe(const TestEvent& event, EventBuilder& builder) {
+    builder.Provider(event.provider).EventId(event.id).Opcode(event.opcode).Level(4);
+    builder.ProcessId(0x2a0).ThreadId(event.thread).Timestamp(event.time);
+    if (event.session) {
+        builder.SessionId(*event.session);
+    }
+    if (event.sid) {
+        builder.UserSid(*event.sid);
+    }
+    if (event.activity) {
+        builder.ActivityId(GuidFromText(*event.activity));
+    }
+    if (!event.task.empty()) {
+        builder.TaskName(event.task);
+    }
+    if (!event.message.empty()) {
+        builder.Message(event.message);
+    }
+    for (const PropertyDefinition& property : event.properties) {
+        builder.Property(property);
+    }
+    if (event.payload) {
+        builder.Payload(*event.payload);
+    }
+}
 
 // Fires only when told.
 class ManualTimerService : public logonmon::TimerService {
   public:
     std::unique_ptr<logonmon::PeriodicTimer> StartPeriodic(uint32_t periodMs,
-                                                           std::function<void()> tick) override;
+                                                           std::function<void()> tick) override {
+        periods.push_back(periodMs);
+        auto timer = std::make_unique<Timer>(*this, std::move(tick));
+        running_ = timer.get();
+        return timer;
+    }
     bool Running() const { return running_ != nullptr; }
-    // Runs the running timer's tick, if any.
-    void Fire();
+    void Fire() {
+        if (running_ != nullptr) {
+            running_->tick();
+        }
+    }
     std::vector<uint32_t> periods;
 
   private:
-    struct Timer;
+    struct Timer : logonmon::PeriodicTimer {
+        Timer(ManualTimerService& service, std::function<void()> tick)
+            : service(service), tick(std::move(tick)) {}
+        ~Timer() override { Cancel(); }
+        void Cancel() override {
+            if (service.running_ == this) {
+                service.running_ = nullptr;
+            }
+        }
+        ManualTimerService& service;
+        const std::function<void()> tick;
+    };
     Timer* running_ = nullptr;
 };
 
@@ -110,30 +187,100 @@ class FakeClock : public logonmon::Clock {
 
 class FakeAccounts : public logonmon::AccountLookup {
   public:
-    bool LookupAccount(const logonmon::Sid& sid, std::wstring* name, std::wstring* domain) override;
+    bool LookupAccount(const logonmon::Sid& sid, std::wstring* name,
+                       std::wstring* domain) override {
+        const auto found = accounts.find(sid.ToString());
+        if (found == accounts.end()) {
+            return false;
+        }
+        *domain = found->second.first;
+        *name = found->second.second;
+        return true;
+    }
     // SID text to (domain, name).
     std::map<std::wstring, std::pair<std::wstring, std::wstring>> accounts;
 };
 
+struct ProcessorLogLine {
+    uint32_t level;
+    std::wstring function;
+    std::string text;
+    // The session the thread's current event is bound to, -1 for none.
+    int64_t session;
+};
+
 class RecordingProcessor : public logonmon::LogonProcessor {
   public:
-    using LogonProcessor::LogonProcessor;
+    RecordingProcessor(const logonmon::SESSION_CONFIG& config,
+                       const logonmon::ProcessorServices& services)
+        : LogonProcessor(config, services) {
+        // The service allocates the slot at start-up.
+        logonmon::AllocateCurrentRecordSlot();
+    }
     ~RecordingProcessor() override { StopTimer(); }
 
-    void OnLogonStart(logonmon::SESSION_CONTEXT& session) override;
-    void OnLogonEnd(logonmon::SESSION_CONTEXT& session) override;
-    void EnableSampling(bool enable) override;
-    void LogFormatted(uint32_t level, const wchar_t* function, const char* format, ...) override;
+    void OnLogonStart(logonmon::SESSION_CONTEXT& session) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        logonStarts.push_back(session.sessionId);
+    }
+    void OnLogonEnd(logonmon::SESSION_CONTEXT& session) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        endedSessions.push_back(Copy(session));
+    }
+    void EnableSampling(bool enable) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        sampling.push_back(enable);
+    }
+    void LogFormatted(uint32_t level, const wchar_t* function, const char* format, ...) override {
+        va_list args;
+        va_start(args, format);
+        std::string text = logonmon::FormatPrintf(format, args);
+        va_end(args);
+        const logonmon::EventRecordData* record = logonmon::CurrentRecord();
+        const int64_t session = record != nullptr && record->sessionContext
+                                    ? int64_t{record->sessionContext->sessionId}
+                                    : -1;
+        std::lock_guard<std::mutex> lock(mutex);
+        lines.push_back(ProcessorLogLine{level, function, text, session});
+        if (!throwOnText.empty() && text == throwOnText) {
+            throw std::runtime_error("handler failed");
+        }
+    }
     // Marks where the extended summary goes.
-    void LogExtendedSummary(logonmon::SESSION_CONTEXT& session) override;
+    void LogExtendedSummary(logonmon::SESSION_CONTEXT& session) override {
+        LogFormatted(logonmon::kLevelInfo, L"Extended", "extended %d", session.sessionId);
+    }
 
-    void Feed(const TestEvent& event);
-    void Feed(const std::vector<TestEvent>& events);
+    void Feed(const TestEvent& event) {
+        EventBuilder builder;
+        Describe(event, builder);
+        HandleEventRecord(&builder.Record());
+    }
+    void Feed(const std::vector<TestEvent>& events) {
+        for (const TestEvent& event : events) {
+            Feed(event);
+        }
+    }
     // "<level> <function>: <text>", the function without the processor's own
     // "logonmon::LogonProcessor::".
-    std::vector<std::string> Logged() const;
+    std::vector<std::string> Logged() const {
+        static const std::wstring kOwn = L"logonmon::LogonProcessor::";
+        std::lock_guard<std::mutex> lock(mutex);
+        std::vector<std::string> logged;
+        for (const ProcessorLogLine& line : lines) {
+            const std::wstring function =
+                line.function.starts_with(kOwn) ? line.function.substr(kOwn.size()) : line.function;
+            logged.push_back(std::to_string(line.level) + " " + logonmon::Utf8FromWide(function) +
+                             ": " + line.text);
+        }
+        return logged;
+    }
     // Copies of the open sessions, in creation order.
-    std::vector<logonmon::SESSION_CONTEXT> Sessions();
+    std::vector<logonmon::SESSION_CONTEXT> Sessions() {
+        std::vector<logonmon::SESSION_CONTEXT> sessions;
+        VisitSessions([&sessions](logonmon::SESSION_CONTEXT& s) { sessions.push_back(Copy(s)); });
+        return sessions;
+    }
 
     // Guarded by `mutex` where threads meet.
     mutable std::mutex mutex;
@@ -143,6 +290,13 @@ class RecordingProcessor : public logonmon::LogonProcessor {
     std::vector<bool> sampling;
     // Thrown from LogFormatted when a line with this text is written.
     std::string throwOnText;
+
+  private:
+    static logonmon::SESSION_CONTEXT Copy(const logonmon::SESSION_CONTEXT& context) {
+        logonmon::SESSION_CONTEXT copy = context;
+        copy.lastEvent.reset();
+        return copy;
+    }
 };
 
 // A processor with fake services, made anew by each call of Processor().
