@@ -2,80 +2,93 @@
 #include <gtest/gtest.h>
 
 #include "tests/logonmon/ProcessorHarness.h"
-#include "trace/TextForms.h"
 
 namespace plmx::testing {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using Durations = std::map<std::wstring, logonmon::NamedDuration>;
-
 using EventHandlersTest = ProcessorFixture;
 
-TEST_F(EventHandlersTest, AgentPayloadsOfTheWrongLengthAreSaidSo) {
-    const std::string attached = "4 Tessera_SessionAttached: Tessera Session Attached";
-    const std::string badAttach =
-        "2 Tessera_SessionAttached: Tessera_SessionAttached event bad payload length";
-    const struct {
-        size_t size;
-        bool application;
-        std::vector<std::string> lines;
-    } cases[] = {
-        {132, true, {attached}},
-        {131, false, {attached, badAttach}},
-        {3, false, {attached, badAttach}},
-    };
-    for (const auto& c : cases) {
-        auto& processor = Processor();
-        processor.Feed(CreateSession(2, kAliceSid, kMorning));
-        processor.lines.clear();
-        processor.Feed(AgentEvent(11, c.size, 2, kMorning, {{4, L"APPLICATION"}}));
-        EXPECT_EQ(processor.Sessions().at(0).applicationSession, c.application) << c.size;
-        EXPECT_EQ(processor.Logged(), c.lines) << c.size;
-    }
-}
-
-TEST_F(EventHandlersTest, AgentGenericEventReadsEachTextWithinItsField) {
+// Attach payloads are 132 bytes, generic ones 3092 with texts of 512
+// characters at most; other lengths are said so.
+TEST_F(EventHandlersTest, AgentPayloadsAreReadWithinTheirLength) {
     auto generic = [](const std::wstring& product, size_t size = 3092) {
         return AgentEvent(16, size, 2, kMorning,
                           {{20, product}, {1044, L"Agent"}, {2068, L"Logon"}});
     };
     auto& processor = Processor();
-    processor.Feed({generic(L"Broker"),
-                    // Not terminated inside its field: ends there, not in the next field.
-                    generic(std::wstring(513, L'P')), generic(L"Broker", 3091),
-                    generic(L"Broker", 3093)});
+    processor.Feed(CreateSession(2, kAliceSid, kMorning));
+    processor.lines.clear();
+    processor.Feed({AgentEvent(11, 131, 2, kMorning, {{4, L"APPLICATION"}}),
+                    AgentEvent(11, 3, 2, kMorning), generic(L"Broker"),
+                    generic(std::wstring(513, L'P')), generic(L"Broker", 3093)});
+    EXPECT_FALSE(processor.Sessions().at(0).applicationSession);
+    processor.Feed(AgentEvent(11, 132, 2, kMorning, {{4, L"APPLICATION"}}));
+    EXPECT_TRUE(processor.Sessions().at(0).applicationSession);
 
-    const std::string bad =
-        "2 Tessera_PLMXGeneric: Tessera PLMX generic event has a bad payload "
-        "length";
-    EXPECT_THAT(processor.Logged(),
-                ElementsAre("4 Tessera_PLMXGeneric: Tessera Event: Product: Broker, Component: "
-                            "Agent, Event: Logon",
-                            "4 Tessera_PLMXGeneric: Tessera Event: Product: " +
-                                std::string(512, 'P') + ", Component: Agent, Event: Logon",
-                            bad, bad));
+    const std::string attached = "4 Tessera_SessionAttached: Tessera Session Attached";
+    const std::string badAttach =
+        "2 Tessera_SessionAttached: Tessera_SessionAttached event bad payload length";
+    const std::string event = "4 Tessera_PLMXGeneric: Tessera Event: Product: ";
+    EXPECT_THAT(
+        processor.Logged(),
+        ElementsAre(attached, badAttach, attached, badAttach,
+                    event + "Broker, Component: Agent, Event: Logon",
+                    event + std::string(512, 'P') + ", Component: Agent, Event: Logon",
+                    "2 Tessera_PLMXGeneric: Tessera PLMX generic event has a bad payload length",
+                    attached));
 }
 
-constexpr wchar_t kScriptHost[] = L"\\Device\\HarddiskVolume3\\Windows\\System32\\gpscript.exe";
-constexpr wchar_t kPowerShell[] =
-    L"\\Device\\HarddiskVolume3\\Windows\\System32\\WindowsPowerShell\\v1.0\\powershell.exe";
+// Booleans and milliseconds come as numbers or as text; an unreadable time
+// counts nothing.
+TEST_F(EventHandlersTest, PolicyExtensionsAreCountedWhateverTheirForm) {
+    auto policy = [](uint16_t id, const wchar_t* name, PropertyDefinition a, PropertyDefinition b) {
+        return TestEvent{.provider = kGroupPolicyGuid,
+                         .id = id,
+                         .session = 2,
+                         .activity = L"6c1c5d1e-7a39-4d4c-9a0b-3a4b5c6d7e8f",
+                         .properties = {StringProperty(L"CSEExtensionName", name), a, b}};
+    };
+    auto started = [&](const wchar_t* name, const wchar_t* async, const wchar_t* changed) {
+        return policy(4016, name, StringProperty(L"IsExtensionAsyncProcessing", async),
+                      StringProperty(L"IsGPOListChanged", changed));
+    };
+    auto finished = [&](const wchar_t* name, const wchar_t* ms, uint32_t error) {
+        return policy(5016, name, StringProperty(L"CSEElaspedTimeInMilliSeconds", ms),
+                      UInt32Property(L"ErrorCode", error));
+    };
+    auto boolean = [](const wchar_t* name, uint32_t value) {
+        return PropertyDefinition{name, logonmon::etw::kInTypeBoolean, 0, UInt32Bytes(value)};
+    };
+    auto& processor = Processor();
+    processor.Feed({CreateSession(2, kAliceSid, kMorning),
+                    policy(4016, L"Registry", boolean(L"IsExtensionAsyncProcessing", 0),
+                           boolean(L"IsGPOListChanged", 1)),
+                    started(L"Scripts", L"-1", L"True"), started(L"Drive Maps", L"true", L"00"),
+                    started(L"Printers", L"", L"false"),
+                    policy(5016, L"Registry", UInt32Property(L"CSEElaspedTimeInMilliSeconds", 1200),
+                           UInt32Property(L"ErrorCode", 0)),
+                    finished(L"Registry", L"34", 0), finished(L"Scripts", L"250", 0x80070005),
+                    finished(L"Scripts", L"n/a", 0), finished(L"Drive Maps", L"-1", 0)});
+    const auto session = processor.Sessions().at(0);
+    EXPECT_EQ(std::vector({session.asyncPolicies, session.syncPolicies, session.changedPolicies,
+                           session.failedPolicies}),
+              std::vector({2, 2, 2, 1}));
+    EXPECT_EQ(session.cseDurations,
+              (std::map<std::wstring, uint32_t>{
+                  {L"Drive Maps", 0}, {L"Registry", 1234}, {L"Scripts", 250}}));
+}
 
 TestEvent Process(uint16_t id, uint32_t session, uint32_t processId,
                   std::vector<PropertyDefinition> properties) {
-    TestEvent event;
-    event.provider = kKernelProcessGuid;
-    event.id = id;
-    event.session = session;
-    event.time = kMorning + 30 * kSecond;
-    event.properties = std::move(properties);
-    event.properties.push_back(UInt32Property(L"ProcessID", processId));
-    return event;
+    properties.push_back(UInt32Property(L"ProcessID", processId));
+    return {.provider = kKernelProcessGuid,
+            .id = id,
+            .session = session,
+            .properties = std::move(properties)};
 }
 
-TestEvent Started(uint32_t session, uint32_t processId, uint32_t parentId,
-                  const std::wstring& image) {
+TestEvent Started(uint32_t session, uint32_t processId, uint32_t parentId, const wchar_t* image) {
     return Process(
         1, session, processId,
         {UInt32Property(L"ParentProcessID", parentId), StringProperty(L"ImageName", image)});
@@ -87,60 +100,7 @@ TestEvent Exited(uint32_t session, uint32_t processId, const std::wstring& creat
     return Process(2, session, processId,
                    {StringProperty(L"ImageName", L"gpscript.exe"),
                     StringProperty(L"CreateTime", L"2024-03-01T08:00:" + created),
-                    StringProperty(L"ExitTime", exited)});
-}
-
-std::wstring Exit(const std::wstring& secondsAndMilliseconds) {
-    return L"2024-03-01T08:00:" + secondsAndMilliseconds;
-}
-
-uint64_t At(uint32_t second, uint32_t millisecond = 0) {
-    return kMorning + second * kSecond + millisecond * 10'000ull;
-}
-
-// Booleans and milliseconds come as numbers or as text; an unreadable time
-// counts nothing.
-TEST_F(EventHandlersTest, PolicyExtensionsAreCountedWhateverTheirForm) {
-    constexpr wchar_t kUserPolicy[] = L"6c1c5d1e-7a39-4d4c-9a0b-3a4b5c6d7e8f";
-    auto policy = [&](uint16_t id, const wchar_t* name, PropertyDefinition a, PropertyDefinition b,
-                      std::optional<uint32_t> session = std::nullopt) {
-        return TestEvent{.provider = kGroupPolicyGuid,
-                         .id = id,
-                         .session = session,
-                         .activity = kUserPolicy,
-                         .properties = {StringProperty(L"CSEExtensionName", name), a, b}};
-    };
-    auto started = [&](const wchar_t* name, PropertyDefinition async, PropertyDefinition changed) {
-        return policy(4016, name, async, changed, 2);
-    };
-    auto finished = [&](const wchar_t* name, PropertyDefinition ms, uint32_t error) {
-        return policy(5016, name, ms, UInt32Property(L"ErrorCode", error));
-    };
-    auto boolean = [](const wchar_t* name, uint32_t value) {
-        return PropertyDefinition{name, logonmon::etw::kInTypeBoolean, 0, UInt32Bytes(value)};
-    };
-    const wchar_t kAsync[] = L"IsExtensionAsyncProcessing";
-    const wchar_t kChanged[] = L"IsGPOListChanged";
-    const wchar_t kMs[] = L"CSEElaspedTimeInMilliSeconds";
-    auto& processor = Processor();
-    processor.Feed(
-        {CreateSession(2, kAliceSid, kMorning),
-         started(L"Registry", boolean(kAsync, 0), boolean(kChanged, 1)),
-         started(L"Scripts", StringProperty(kAsync, L"-1"), StringProperty(kChanged, L"True")),
-         started(L"Drive Maps", StringProperty(kAsync, L"true"), StringProperty(kChanged, L"00")),
-         started(L"Printers", StringProperty(kAsync, L""), StringProperty(kChanged, L"false")),
-         finished(L"Registry", UInt32Property(kMs, 1200), 0),
-         finished(L"Registry", StringProperty(kMs, L"34"), 0),
-         finished(L"Scripts", StringProperty(kMs, L"250"), 0x80070005),
-         finished(L"Scripts", StringProperty(kMs, L"n/a"), 0),
-         finished(L"Drive Maps", StringProperty(kMs, L"-1"), 0)});
-    const auto session = processor.Sessions().at(0);
-    EXPECT_EQ(std::vector({session.asyncPolicies, session.syncPolicies, session.changedPolicies,
-                           session.failedPolicies}),
-              std::vector({2, 2, 2, 1}));
-    EXPECT_EQ(session.cseDurations,
-              (std::map<std::wstring, uint32_t>{
-                  {L"Drive Maps", 0}, {L"Registry", 1234}, {L"Scripts", 250}}));
+                    StringProperty(L"ExitTime", L"2024-03-01T08:00:" + exited)});
 }
 
 // Hosts 100 and 400 run scripts, host 200 a PowerShell script; 800 onwards
@@ -148,39 +108,36 @@ TEST_F(EventHandlersTest, PolicyExtensionsAreCountedWhateverTheirForm) {
 // session existed (900), one of a session nobody follows (700), and whatever
 // is no tracked host (500, 600).
 TEST_F(EventHandlersTest, ScriptHostsAddTheirRunTimes) {
+    const wchar_t kHost[] = L"\\Device\\HarddiskVolume3\\Windows\\System32\\gpscript.exe";
     auto& processor = Processor();
-    processor.Feed({Started(2, 900, 50, kScriptHost), Started(7, 700, 50, kScriptHost),
-                    CreateSession(2, kAliceSid, kMorning), Started(2, 100, 50, kScriptHost),
-                    Started(2, 200, 50, kScriptHost), Started(2, 300, 200, kPowerShell),
-                    Started(2, 600, 999, kPowerShell), Started(2, 500, 50, L"notepad.exe"),
+    processor.Feed({Started(2, 900, 50, kHost), Started(7, 700, 50, kHost),
+                    CreateSession(2, kAliceSid, kMorning), Started(2, 100, 50, kHost),
+                    Started(2, 200, 50, kHost), Started(2, 300, 200, L"C:\\x\\powershell.exe"),
+                    Started(2, 600, 999, L"powershell.exe"), Started(2, 500, 50, L"notepad.exe"),
                     Started(2, 400, 50, L"GPSCRIPT.EXE")});
-    const std::wstring unreadable[] = {Exit(L"12:500z"), Exit(L"12:50Z"), Exit(L"1a:500Z"),
-                                       L"2024-02-30T08:00:12:500Z", L""};
+    const std::wstring unreadable[] = {L"12:500z", L"12:50Z", L"1a:500Z", L"12:500Z x", L""};
     for (uint32_t i = 0; i < std::size(unreadable); ++i) {
         processor.Feed(
-            {Started(2, 800 + i, 50, kScriptHost), Exited(2, 800 + i, L"10:000Z", unreadable[i])});
+            {Started(2, 800 + i, 50, kHost), Exited(2, 800 + i, L"10:000Z", unreadable[i])});
     }
     for (const uint32_t untimed : {900, 700, 500, 600, 801}) {
-        processor.Feed(Exited(untimed == 700 ? 7 : 2, untimed, L"01:000Z", Exit(L"30:000Z")));
+        processor.Feed(Exited(untimed == 700 ? 7 : 2, untimed, L"01:000Z", L"30:000Z"));
     }
     // The provider writes the times as text or as FILETIME.
     TestEvent filetime = Exited(2, 100, L"10:000Z", L"");
     filetime.properties[2] = {L"ExitTime", logonmon::etw::kInTypeFileTime, 0,
-                              UInt64Bytes(At(12, 500))};
-    processor.Feed({filetime, Exited(2, 200, L"11:000Z", Exit(L"15:250Z")),
-                    Exited(2, 400, L"05:000Z", Exit(L"09:000Z"))});
+                              UInt64Bytes(kMorning + 125 * kSecond / 10)};
+    processor.Feed(
+        {filetime, Exited(2, 200, L"11:000Z", L"15:250Z"), Exited(2, 400, L"05:000Z", L"09:000Z")});
 
     const auto session = processor.Sessions().at(0);
-    EXPECT_EQ(session.namedDurations,
-              (Durations{{L"Group Policy Logon Script Time", 6.5f},
-                         {L"Group Policy PS Logon Script Time", 4.25f},
-                         {L"Total Group Policy Logon Script Time", 10.75f}}));
-    const auto& points = session.timingPoints;
-    EXPECT_EQ(points.at(L"GP_LOGON_SCRIPT_START"), At(5));
-    EXPECT_EQ(points.at(L"GP_LOGON_SCRIPT_STOP"), At(12, 500));
-    EXPECT_EQ(points.at(L"GP_PS_LOGON_SCRIPT_START"), At(11));
-    EXPECT_EQ(points.at(L"GP_PS_LOGON_SCRIPT_STOP"), At(15, 250));
-    EXPECT_THAT(session.scriptHosts, IsEmpty());
+    EXPECT_EQ(session.namedDurations, (std::map<std::wstring, logonmon::NamedDuration>{
+                                          {L"Group Policy Logon Script Time", 6.5f},
+                                          {L"Group Policy PS Logon Script Time", 4.25f},
+                                          {L"Total Group Policy Logon Script Time", 10.75f}}));
+    EXPECT_EQ(session.timingPoints.at(L"GP_LOGON_SCRIPT_START"), kMorning + 5 * kSecond);
+    EXPECT_EQ(session.timingPoints.at(L"GP_PS_LOGON_SCRIPT_STOP"), kMorning + 152'500'000);
+    EXPECT_TRUE(session.scriptHosts.empty());
 }
 
 }  // namespace

@@ -151,32 +151,32 @@ class ManualTimerService : public logonmon::TimerService {
     std::unique_ptr<logonmon::PeriodicTimer> StartPeriodic(uint32_t periodMs,
                                                            std::function<void()> tick) override {
         periods.push_back(periodMs);
-        auto timer = std::make_unique<Timer>(*this, std::move(tick));
-        running_ = timer.get();
-        return timer;
+        tick_ = std::move(tick);
+        return std::make_unique<Timer>(*this, ++started_);
     }
-    bool Running() const { return running_ != nullptr; }
+    bool Running() const { return tick_ != nullptr; }
     void Fire() {
-        if (running_ != nullptr) {
-            running_->tick();
+        if (const auto tick = tick_) {
+            tick();
         }
     }
     std::vector<uint32_t> periods;
 
   private:
     struct Timer : logonmon::PeriodicTimer {
-        Timer(ManualTimerService& service, std::function<void()> tick)
-            : service(service), tick(std::move(tick)) {}
+        Timer(ManualTimerService& service, size_t number) : service(service), number(number) {}
         ~Timer() override { Cancel(); }
+        // Only the newest timer runs.
         void Cancel() override {
-            if (service.running_ == this) {
-                service.running_ = nullptr;
+            if (service.started_ == number) {
+                service.tick_ = nullptr;
             }
         }
         ManualTimerService& service;
-        const std::function<void()> tick;
+        const size_t number;
     };
-    Timer* running_ = nullptr;
+    std::function<void()> tick_;
+    size_t started_ = 0;
 };
 
 class FakeClock : public logonmon::Clock {
@@ -219,10 +219,6 @@ class RecordingProcessor : public logonmon::LogonProcessor {
     }
     ~RecordingProcessor() override { StopTimer(); }
 
-    void OnLogonStart(logonmon::SESSION_CONTEXT& session) override {
-        std::lock_guard<std::mutex> lock(mutex);
-        logonStarts.push_back(session.sessionId);
-    }
     void OnLogonEnd(logonmon::SESSION_CONTEXT& session) override {
         std::lock_guard<std::mutex> lock(mutex);
         endedSessions.push_back(Copy(session));
@@ -285,7 +281,6 @@ class RecordingProcessor : public logonmon::LogonProcessor {
     // Guarded by `mutex` where threads meet.
     mutable std::mutex mutex;
     std::vector<ProcessorLogLine> lines;
-    std::vector<uint32_t> logonStarts;
     std::vector<logonmon::SESSION_CONTEXT> endedSessions;
     std::vector<bool> sampling;
     // Thrown from LogFormatted when a line with this text is written.
