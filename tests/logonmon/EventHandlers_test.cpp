@@ -18,7 +18,7 @@ TEST_F(EventHandlersTest, AgentPayloadsAreReadWithinTheirLength) {
     };
     auto& processor = Processor();
     processor.Feed(CreateSession(2, kAliceSid, kMorning));
-    processor.lines.clear();
+    processor.ClearLines();
     processor.Feed({AgentEvent(11, 131, 2, kMorning, {{4, L"APPLICATION"}}),
                     AgentEvent(11, 3, 2, kMorning), generic(L"Broker"),
                     generic(std::wstring(513, L'P')), generic(L"Broker", 3093)});
@@ -31,7 +31,7 @@ TEST_F(EventHandlersTest, AgentPayloadsAreReadWithinTheirLength) {
         "2 Tessera_SessionAttached: Tessera_SessionAttached event bad payload length";
     const std::string event = "4 Tessera_PLMXGeneric: Tessera Event: Product: ";
     EXPECT_THAT(
-        processor.Logged(),
+        processor.lines,
         ElementsAre(attached, badAttach, attached, badAttach,
                     event + "Broker, Component: Agent, Event: Logon",
                     event + std::string(512, 'P') + ", Component: Agent, Event: Logon",

@@ -33,29 +33,31 @@ TestEvent Tagged(const wchar_t* provider, const std::wstring& message, uint64_t 
     return {.provider = provider, .id = 1000, .time = time, .session = session, .message = message};
 }
 
+// A profile service event on `thread`, reported as "<text>".
+TestEvent Profile(const std::wstring& text, const wchar_t* sid, uint64_t time = kMorning,
+                  uint32_t thread = 77, uint16_t id = 1000) {
+    TestEvent event = Tagged(kUserProfilesGuid, text, time);
+    std::tie(event.sid, event.thread, event.id) = std::tuple(sid, thread, id);
+    return event;
+}
+
 Lines Handled(const RecordingProcessor& processor) {
+    static const std::string kPrefix = "5 LogEventAsString: ";
     Lines handled;
-    for (const ProcessorLogLine& line : processor.lines) {
-        if (line.function == L"logonmon::LogonProcessor::LogEventAsString" && !line.text.empty()) {
-            handled.push_back(line.text + " @" + std::to_string(line.session));
+    for (size_t i = 0; i < processor.lines.size(); ++i) {
+        const std::string& line = processor.lines[i];
+        if (line.starts_with(kPrefix) && line.size() > kPrefix.size()) {
+            handled.push_back(line.substr(kPrefix.size()) + " @" +
+                              std::to_string(processor.lineSessions[i]));
         }
     }
     return handled;
-}
-
-std::string TimedOut(const char* waitingFor, uint64_t shellStarted) {
-    return std::string("2 ProcessSessionState: Timed out waiting for ") + waitingFor +
-           " event.  Shell started at " + Stamp(shellStarted) + ".  Timeout " +
-           Stamp(shellStarted + 120 * kSecond) + ".  sessionId=2";
 }
 
 using LogonProcessorTest = ProcessorFixture;
 
 // What events that find no session write, after the logon of session 2.
 TEST_F(LogonProcessorTest, EventsWithoutTheirSessionSaySo) {
-    const std::string login = "5 Winlogon_Login_Started: Received User Logon Event";
-    const std::string notFound =
-        "2 Winlogon_Login_Started: Session Context Not Found. Attempting To Init A New One. ";
     TestEvent noSid = Login(4, kBobSid, kMorning);
     noSid.sid.reset();
     TestEvent byProperty = CreateSession(5, kAliceSid, kMorning);
@@ -64,52 +66,25 @@ TEST_F(LogonProcessorTest, EventsWithoutTheirSessionSaySo) {
     TestEvent sessionManager = Tagged(kSessionManagerGuid, L"", kMorning);
     sessionManager.id = 21;
     sessionManager.properties.push_back(StringProperty(L"SessionID", L"6"));
-    // Held back on thread 77 until Alice's SID claims it, after her logon
-    // timed out: Bob's events then have no session.
-    auto onThread77 = [](uint16_t id, const wchar_t* sid, uint64_t second) {
-        return TestEvent{.provider = kUserProfilesGuid,
-                         .id = id,
-                         .time = kMorning + second * kSecond,
-                         .sid = sid,
-                         .thread = 77};
-    };
-    const std::string bySid =
-        ": Session Context Not Found. SID: " + logonmon::Utf8FromWide(kBobSid);
-    const struct {
-        std::vector<TestEvent> events;
-        Lines lines;
-    } cases[] = {
-        {{Login(3, kBobSid, kMorning)},
-         {login, notFound + "sessionId=3",
-          "4 Winlogon_Login_Started: New Session Initialized Successfully: sessionId=3",
-          "5 Winlogon_Login_Started: SID: " + logonmon::Utf8FromWide(kBobSid) + ". sessionId=3"}},
-        {{noSid},
-         {login, notFound + "sessionId=4",
-          "2 Winlogon_Login_Started: Failed Initializing Session: 0x0, sessionId=4"}},
-        // Winlogon's header names the session, not a property.
-        {{byProperty}, {"2 Winlogon_CreateSession: InitSession Failed, sessionId=-1"}},
-        {{ShellInitialized(7, kMorning)},
-         {"2 Explorer_Initialized: Session Context Not Found. sessionId=7"}},
-        {{SubscriberEvent(812, 2, kLogin, L"Profiles", 9, kMorning),
-          SubscriberEvent(812, 2, kLogoff, L"Profiles", 9, kMorning)},
-         {"2 Profiles_Finished: Session Context Not Found. sessionId=9"}},
-        {{sessionManager}, {"2 TS_LSM_Logon: Session Context Not Found. sessionId=6"}},
-        // The payload names the session, not the header.
-        {{AgentEvent(11, 132, 5, kMorning)},
-         {"2 Tessera_SessionAttached: Session Context Not Found. sessionId=5"}},
-        {{onThread77(1000, kSystemSid, 300), onThread77(6, kBobSid, 301),
-          onThread77(7, kBobSid, 302), onThread77(5, kBobSid, 304),
-          onThread77(1000, kAliceSid, 305)},
-         {TimedOut("Tessera Session Attached", kMorning + 21 * kSecond),
-          "2 Profiles_SyncStarted" + bySid, "2 Profiles_SyncFinished" + bySid}},
-    };
-    for (const auto& c : cases) {
-        auto& processor = Processor(SESSION_CONFIG{120000, false, false, false});
-        processor.Feed(Logon(2, kAliceSid, kMorning));
-        processor.lines.clear();
-        processor.Feed(c.events);
-        EXPECT_THAT(processor.Logged(), ElementsAreArray(c.lines)) << c.lines[0];
-    }
+    auto& processor = Processor(SESSION_CONFIG{120000, false, false, false});
+    processor.Feed(Logon(2, kAliceSid, kMorning));
+    processor.ClearLines();
+    processor.Feed({noSid, byProperty, SubscriberEvent(812, 2, kLogin, L"Profiles", 9, kMorning),
+                    SubscriberEvent(811, 1, kLogin, L"Profiles", 9, kMorning),
+                    SubscriberEvent(812, 2, kLogoff, L"Profiles", 9, kMorning), sessionManager,
+                    AgentEvent(11, 132, 5, kMorning)});
+    EXPECT_THAT(
+        processor.lines,
+        ElementsAre("5 Winlogon_Login_Started: Received User Logon Event",
+                    "2 Winlogon_Login_Started: Session Context Not Found. Attempting To "
+                    "Init A New One. sessionId=4",
+                    "2 Winlogon_Login_Started: Failed Initializing Session: 0x0, sessionId=4",
+                    // Winlogon's header names the session, not a property.
+                    "2 Winlogon_CreateSession: InitSession Failed, sessionId=-1",
+                    "2 Profiles_Finished: Session Context Not Found. sessionId=9",
+                    "2 TS_LSM_Logon: Session Context Not Found. sessionId=6",
+                    // The payload names the session, not the header.
+                    "2 Tessera_SessionAttached: Session Context Not Found. sessionId=5"));
 }
 
 // Nothing is decided before the shell started; after it, the shell, an
@@ -158,7 +133,7 @@ TEST_F(LogonProcessorTest, CompletionRule) {
         processor.Feed(c.events);
         EXPECT_EQ(processor.endedSessions.size(), c.settled ? 1u : 0u) << c.name;
         EXPECT_EQ(processor.Sessions().size(), c.settled ? 0u : 1u) << c.name;
-        const Lines logged = processor.Logged();
+        const Lines logged = processor.lines;
         EXPECT_EQ(
             std::count(logged.begin(), logged.end(), "4 ProcessSessionState: Session is ending..."),
             c.ending ? 1 : 0)
@@ -187,10 +162,12 @@ TEST_F(LogonProcessorTest, TheTimerTimesOutFromTheLastStartShellStop) {
         timers_.Fire();
         ASSERT_EQ(processor.endedSessions.size(), 1u);
         EXPECT_TRUE(processor.endedSessions[0].logonComplete);
-        EXPECT_EQ(processor.lines.back().session, 2);
-        EXPECT_EQ(
-            processor.Logged().back(),
-            TimedOut(attached ? "ShellInitialized" : "Tessera Session Attached", shellStarted));
+        EXPECT_EQ(processor.lineSessions.back(), 2);
+        EXPECT_EQ(processor.lines.back(),
+                  std::string("2 ProcessSessionState: Timed out waiting for ") +
+                      (attached ? "ShellInitialized" : "Tessera Session Attached") +
+                      " event.  Shell started at " + Stamp(shellStarted) + ".  Timeout " +
+                      Stamp(shellStarted + 120 * kSecond) + ".  sessionId=2");
         EXPECT_FALSE(timers_.Running());
         EXPECT_EQ(processor.sampling, (std::vector<bool>{true, false}));
     }
@@ -215,20 +192,12 @@ TEST_F(LogonProcessorTest, EventsFindTheirSession) {
     auto& processor = Processor(SESSION_CONFIG{0, false, false, true});
     processor.Feed(CreateSession(2, kAliceSid, kMorning));
     processor.Feed(CreateSession(3, kBobSid, kMorning));  // newer, another user
-    processor.lines.clear();
+    processor.ClearLines();
     auto named = [](const std::wstring& property, const std::wstring& value,
                     std::optional<uint32_t> header = 0) {
         TestEvent event =
             Tagged(kSessionManagerGuid, L"sm " + property + L"=" + value, kMorning, header);
         event.properties.push_back(StringProperty(property, value));
-        return event;
-    };
-    auto profile = [](const std::wstring& text, uint32_t thread, const wchar_t* sid,
-                      uint16_t id = 1000) {
-        TestEvent event = Tagged(kUserProfilesGuid, L"profile " + text, kMorning);
-        event.id = id;
-        event.sid = sid;
-        event.thread = thread;
         return event;
     };
     constexpr wchar_t kUserPolicy[] = L"6c1c5d1e-7a39-4d4c-9a0b-3a4b5c6d7e8f";
@@ -241,12 +210,14 @@ TEST_F(LogonProcessorTest, EventsFindTheirSession) {
     processor.Feed({named(L"SessionID", L"2"), named(L"Session", L"3"),
                     named(L"Session", L"2", std::nullopt), named(L"Session", L"7", 3),
                     named(L"SessionID", L"2x"), named(L"SessionID", L"99999999999"),
-                    profile(L"held 1", 77, kSystemSid), profile(L"other thread", 78, kSystemSid),
-                    profile(L"held 2", 77, kSystemSid), profile(L"event 1", 77, kSystemSid, 1)});
+                    Profile(L"profile held 1", kSystemSid),
+                    Profile(L"profile other thread", kSystemSid, kMorning, 78),
+                    Profile(L"profile held 2", kSystemSid),
+                    Profile(L"profile event 1", kSystemSid, kMorning, 77, 1)});
     // A failing held-back event costs none of the others.
     processor.throwOnText = "profile held 1";
-    EXPECT_THROW(processor.Feed(profile(L"by SID", 77, kAliceSid)), std::runtime_error);
-    processor.Feed({profile(L"same thread", 77, kSystemSid), policy(L"earlier", kUserPolicy),
+    EXPECT_THROW(processor.Feed(Profile(L"profile by SID", kAliceSid)), std::runtime_error);
+    processor.Feed({Profile(L"profile same thread", kSystemSid), policy(L"earlier", kUserPolicy),
                     policy(L"unclaimed", L"0f0e0d0c-0b0a-0908-0706-050403020100"),
                     policy(L"with session", kUserPolicy, 2), policy(L"later", kUserPolicy),
                     policy(L"no activity", L"00000000-0000-0000-0000-000000000000")});
@@ -263,46 +234,18 @@ TEST_F(LogonProcessorTest, EventsFindTheirSession) {
 // Events held back more than ten minutes of event time before the newest,
 // or beyond the newest thousand, are dropped.
 TEST_F(LogonProcessorTest, HeldBackEventsAreBoundedByAgeAndCount) {
-    auto profile = [](const wchar_t* text, const wchar_t* sid, uint64_t time) {
-        TestEvent event = Tagged(kUserProfilesGuid, text, time);
-        event.sid = sid;
-        event.thread = 77;
-        return event;
-    };
     const uint64_t later = kMorning + 10 * 60 * kSecond;
     for (const size_t held : {1, 1000}) {
         auto& processor = Processor(SESSION_CONFIG{0, false, false, true});
         processor.Feed(CreateSession(2, kAliceSid, kMorning));
-        processor.lines.clear();
+        processor.ClearLines();
         processor.Feed(
-            {profile(L"stale", kSystemSid, kMorning - 1), profile(L"aged", kSystemSid, kMorning)});
-        processor.Feed(std::vector<TestEvent>(held, profile(L"held", kSystemSid, later)));
-        processor.Feed(profile(L"by SID", kAliceSid, later));
+            {Profile(L"stale", kSystemSid, kMorning - 1), Profile(L"aged", kSystemSid, kMorning)});
+        processor.Feed(std::vector<TestEvent>(held, Profile(L"held", kSystemSid, later)));
+        processor.Feed(Profile(L"by SID", kAliceSid, later));
         const Lines handled = Handled(processor);
         EXPECT_EQ(handled.front(), held == 1 ? "aged @2" : "held @2");
         EXPECT_EQ(handled.size(), std::min<size_t>(held + 1, 1000) + 1);
-    }
-}
-
-TEST_F(LogonProcessorTest, ReusedSessionIdsKeepTheirLogonsApart) {
-    auto& processor = Processor();
-    // The first logon of session 2 never reaches its shell and stays open.
-    processor.Feed(CreateSession(2, kAliceSid, kMorning));
-    const uint64_t second = kMorning + 600 * kSecond;
-    processor.Feed({CreateSession(2, kBobSid, second),
-                    // Late, and before either logon.
-                    NotifyStop(kLogin, 2, kMorning + 9 * kSecond),
-                    NotifyStop(kLogin, 2, second + 9 * kSecond),
-                    NotifyStart(kStartShell, 2, kMorning - kSecond)});
-
-    const auto sessions = processor.Sessions();
-    ASSERT_EQ(sessions.size(), 2u);
-    for (const auto& [session, sid, start] :
-         {std::tuple{sessions[0], kAliceSid, kMorning}, std::tuple{sessions[1], kBobSid, second}}) {
-        EXPECT_EQ(session.userSidText, sid);
-        EXPECT_EQ(session.timingPoints,
-                  (logonmon::TimingPoints{{L"WL_NotifyExecute_CreateSession_Start", start},
-                                          {L"WL_NotifyExecute_Login_Stop", start + 9 * kSecond}}));
     }
 }
 

@@ -22,19 +22,5 @@ TEST(PlatformServicesTest, TimerTicksUntilDestroyed) {
     EXPECT_EQ(ticks, ticksAtStop);
 }
 
-// Only Windows knows account names.
-TEST(PlatformServicesTest, AccountLookup) {
-    std::wstring name;
-    std::wstring domain;
-    const bool found =
-        DefaultAccountLookup().LookupAccount(*Sid::FromString(L"S-1-5-18"), &name, &domain);
-#ifdef _WIN32
-    EXPECT_TRUE(found);
-    EXPECT_EQ(name, L"SYSTEM");
-#else
-    EXPECT_FALSE(found);
-#endif
-}
-
 }  // namespace
 }  // namespace logonmon

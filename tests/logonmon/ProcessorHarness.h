@@ -93,8 +93,8 @@ inline TestEvent CreateSession(uint32_t session, const std::wstring& sid, uint64
     return event;
 }
 inline TestEvent Login(uint32_t session, const std::wstring& sid, uint64_t time) {
-    TestEvent event = NotifyStart(kLogin, session, time);
-    event.sid = sid;
+    TestEvent event = CreateSession(session, sid, time);
+    event.properties = {UInt32Property(L"Event", kLogin)};
     return event;
 }
 inline TestEvent ShellInitialized(uint32_t session, uint64_t time) {
@@ -201,14 +201,6 @@ class FakeAccounts : public logonmon::AccountLookup {
     std::map<std::wstring, std::pair<std::wstring, std::wstring>> accounts;
 };
 
-struct ProcessorLogLine {
-    uint32_t level;
-    std::wstring function;
-    std::string text;
-    // The session the thread's current event is bound to, -1 for none.
-    int64_t session;
-};
-
 class RecordingProcessor : public logonmon::LogonProcessor {
   public:
     RecordingProcessor(const logonmon::SESSION_CONFIG& config,
@@ -230,14 +222,19 @@ class RecordingProcessor : public logonmon::LogonProcessor {
     void LogFormatted(uint32_t level, const wchar_t* function, const char* format, ...) override {
         va_list args;
         va_start(args, format);
-        std::string text = logonmon::FormatPrintf(format, args);
+        const std::string text = logonmon::FormatPrintf(format, args);
         va_end(args);
         const logonmon::EventRecordData* record = logonmon::CurrentRecord();
-        const int64_t session = record != nullptr && record->sessionContext
-                                    ? int64_t{record->sessionContext->sessionId}
-                                    : -1;
+        std::wstring_view name = function;
+        if (name.starts_with(L"logonmon::LogonProcessor::")) {
+            name.remove_prefix(std::wstring_view(L"logonmon::LogonProcessor::").size());
+        }
         std::lock_guard<std::mutex> lock(mutex);
-        lines.push_back(ProcessorLogLine{level, function, text, session});
+        lines.push_back(std::to_string(level) + " " + logonmon::Utf8FromWide(std::wstring(name)) +
+                        ": " + text);
+        lineSessions.push_back(record != nullptr && record->sessionContext
+                                   ? int64_t{record->sessionContext->sessionId}
+                                   : -1);
         if (!throwOnText.empty() && text == throwOnText) {
             throw std::runtime_error("handler failed");
         }
@@ -257,19 +254,9 @@ class RecordingProcessor : public logonmon::LogonProcessor {
             Feed(event);
         }
     }
-    // "<level> <function>: <text>", the function without the processor's own
-    // "logonmon::LogonProcessor::".
-    std::vector<std::string> Logged() const {
-        static const std::wstring kOwn = L"logonmon::LogonProcessor::";
-        std::lock_guard<std::mutex> lock(mutex);
-        std::vector<std::string> logged;
-        for (const ProcessorLogLine& line : lines) {
-            const std::wstring function =
-                line.function.starts_with(kOwn) ? line.function.substr(kOwn.size()) : line.function;
-            logged.push_back(std::to_string(line.level) + " " + logonmon::Utf8FromWide(function) +
-                             ": " + line.text);
-        }
-        return logged;
+    void ClearLines() {
+        lines.clear();
+        lineSessions.clear();
     }
     // Copies of the open sessions, in creation order.
     std::vector<logonmon::SESSION_CONTEXT> Sessions() {
@@ -280,7 +267,11 @@ class RecordingProcessor : public logonmon::LogonProcessor {
 
     // Guarded by `mutex` where threads meet.
     mutable std::mutex mutex;
-    std::vector<ProcessorLogLine> lines;
+    // "<level> <function>: <text>", the function without the processor's own
+    // "logonmon::LogonProcessor::"; and the session of the thread's current
+    // event, -1 for none.
+    std::vector<std::string> lines;
+    std::vector<int64_t> lineSessions;
     std::vector<logonmon::SESSION_CONTEXT> endedSessions;
     std::vector<bool> sampling;
     // Thrown from LogFormatted when a line with this text is written.
