@@ -17,13 +17,13 @@ TEST_F(EventHandlersTest, AgentPayloadsAreReadWithinTheirLength) {
                           {{20, product}, {1044, L"Agent"}, {2068, L"Logon"}});
     };
     auto& processor = Processor();
-    processor.Feed(CreateSession(2, kAliceSid, kMorning));
+    processor.Feed({CreateSession(2, kAliceSid, kMorning)});
     processor.ClearLines();
     processor.Feed({AgentEvent(11, 131, 2, kMorning, {{4, L"APPLICATION"}}),
                     AgentEvent(11, 3, 2, kMorning), generic(L"Broker"),
                     generic(std::wstring(513, L'P')), generic(L"Broker", 3093)});
     EXPECT_FALSE(processor.Sessions().at(0).applicationSession);
-    processor.Feed(AgentEvent(11, 132, 2, kMorning, {{4, L"APPLICATION"}}));
+    processor.Feed({AgentEvent(11, 132, 2, kMorning, {{4, L"APPLICATION"}})});
     EXPECT_TRUE(processor.Sessions().at(0).applicationSession);
 
     const std::string attached = "4 Tessera_SessionAttached: Tessera Session Attached";
@@ -39,7 +39,7 @@ TEST_F(EventHandlersTest, AgentPayloadsAreReadWithinTheirLength) {
                     attached));
 }
 
-// Booleans and milliseconds come as numbers or as text; an unreadable time
+// Older providers write Booleans and milliseconds as text; an unreadable time
 // counts nothing.
 TEST_F(EventHandlersTest, PolicyExtensionsAreCountedWhateverTheirForm) {
     auto policy = [](uint16_t id, const wchar_t* name, PropertyDefinition a, PropertyDefinition b) {
@@ -57,17 +57,10 @@ TEST_F(EventHandlersTest, PolicyExtensionsAreCountedWhateverTheirForm) {
         return policy(5016, name, StringProperty(L"CSEElaspedTimeInMilliSeconds", ms),
                       UInt32Property(L"ErrorCode", error));
     };
-    auto boolean = [](const wchar_t* name, uint32_t value) {
-        return PropertyDefinition{name, logonmon::etw::kInTypeBoolean, 0, UInt32Bytes(value)};
-    };
     auto& processor = Processor();
-    processor.Feed({CreateSession(2, kAliceSid, kMorning),
-                    policy(4016, L"Registry", boolean(L"IsExtensionAsyncProcessing", 0),
-                           boolean(L"IsGPOListChanged", 1)),
+    processor.Feed({CreateSession(2, kAliceSid, kMorning), started(L"Registry", L"0", L"1"),
                     started(L"Scripts", L"-1", L"True"), started(L"Drive Maps", L"true", L"00"),
-                    started(L"Printers", L"", L"false"),
-                    policy(5016, L"Registry", UInt32Property(L"CSEElaspedTimeInMilliSeconds", 1200),
-                           UInt32Property(L"ErrorCode", 0)),
+                    started(L"Printers", L"", L"false"), finished(L"Registry", L"1200", 0),
                     finished(L"Registry", L"34", 0), finished(L"Scripts", L"250", 0x80070005),
                     finished(L"Scripts", L"n/a", 0), finished(L"Drive Maps", L"-1", 0)});
     const auto session = processor.Sessions().at(0);
@@ -79,28 +72,25 @@ TEST_F(EventHandlersTest, PolicyExtensionsAreCountedWhateverTheirForm) {
                   {L"Drive Maps", 0}, {L"Registry", 1234}, {L"Scripts", 250}}));
 }
 
-TestEvent Process(uint16_t id, uint32_t session, uint32_t processId,
-                  std::vector<PropertyDefinition> properties) {
-    properties.push_back(UInt32Property(L"ProcessID", processId));
-    return {.provider = kKernelProcessGuid,
-            .id = id,
-            .session = session,
-            .properties = std::move(properties)};
-}
-
 TestEvent Started(uint32_t session, uint32_t processId, uint32_t parentId, const wchar_t* image) {
-    return Process(
-        1, session, processId,
-        {UInt32Property(L"ParentProcessID", parentId), StringProperty(L"ImageName", image)});
+    return {.provider = kKernelProcessGuid,
+            .id = 1,
+            .session = session,
+            .properties = {UInt32Property(L"ParentProcessID", parentId),
+                           StringProperty(L"ImageName", image),
+                           UInt32Property(L"ProcessID", processId)}};
 }
 
 // Times are seconds and milliseconds of 08:00 that morning.
 TestEvent Exited(uint32_t session, uint32_t processId, const std::wstring& created,
                  const std::wstring& exited) {
-    return Process(2, session, processId,
-                   {StringProperty(L"ImageName", L"gpscript.exe"),
-                    StringProperty(L"CreateTime", L"2024-03-01T08:00:" + created),
-                    StringProperty(L"ExitTime", L"2024-03-01T08:00:" + exited)});
+    return {.provider = kKernelProcessGuid,
+            .id = 2,
+            .session = session,
+            .properties = {StringProperty(L"ImageName", L"gpscript.exe"),
+                           StringProperty(L"CreateTime", L"2024-03-01T08:00:" + created),
+                           StringProperty(L"ExitTime", L"2024-03-01T08:00:" + exited),
+                           UInt32Property(L"ProcessID", processId)}};
 }
 
 // Hosts 100 and 400 run scripts, host 200 a PowerShell script; 800 onwards
@@ -121,7 +111,7 @@ TEST_F(EventHandlersTest, ScriptHostsAddTheirRunTimes) {
             {Started(2, 800 + i, 50, kHost), Exited(2, 800 + i, L"10:000Z", unreadable[i])});
     }
     for (const uint32_t untimed : {900, 700, 500, 600, 801}) {
-        processor.Feed(Exited(untimed == 700 ? 7 : 2, untimed, L"01:000Z", L"30:000Z"));
+        processor.Feed({Exited(untimed == 700 ? 7 : 2, untimed, L"01:000Z", L"30:000Z")});
     }
     // The provider writes the times as text or as FILETIME.
     TestEvent filetime = Exited(2, 100, L"10:000Z", L"");

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <map>
 #include <thread>
 
@@ -7,6 +9,19 @@
 
 namespace plmx::testing {
 namespace {
+
+// Destroying the timer waits for a tick in progress; none comes after.
+TEST(LogonProcessorConcurrencyTest, TimerTicksUntilDestroyed) {
+    std::atomic<int> ticks{0};
+    auto timer = logonmon::DefaultTimerService().StartPeriodic(10, [&ticks] { ++ticks; });
+    while (ticks < 3) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    timer.reset();
+    const int ticksAtStop = ticks;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(ticks, ticksAtStop);
+}
 
 // Two consumer threads feed logons of their own sessions while the real
 // timer walks the sessions every millisecond. Each logon ends once, by its

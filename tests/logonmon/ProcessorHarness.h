@@ -244,14 +244,11 @@ class RecordingProcessor : public logonmon::LogonProcessor {
         LogFormatted(logonmon::kLevelInfo, L"Extended", "extended %d", session.sessionId);
     }
 
-    void Feed(const TestEvent& event) {
-        EventBuilder builder;
-        Describe(event, builder);
-        HandleEventRecord(&builder.Record());
-    }
     void Feed(const std::vector<TestEvent>& events) {
         for (const TestEvent& event : events) {
-            Feed(event);
+            EventBuilder builder;
+            Describe(event, builder);
+            HandleEventRecord(&builder.Record());
         }
     }
     void ClearLines() {
