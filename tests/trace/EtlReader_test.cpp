@@ -142,6 +142,8 @@ TEST(EtlReaderTest, DamageStopsWithItsOffsetAfterTheEventsBeforeIt) {
              std::to_string(2 * kBuffer + 72 + 80),
          2},
         {[](std::string& b) { b.assign(400, 'x'); }, "is not usable at offset 0", 0},
+        {[](std::string& b) { b.resize(378); },
+         "a file of 378 bytes is too short for a log-file header", 0},
         {[](std::string& b) { b[72 + 2] = 3; }, "the first record is not a log-file header", 0},
         {setU16(kFirstEvent + 2, 0x0013),
          "unknown record marker 0x001300B0 at offset " + std::to_string(kFirstEvent), 0},
