@@ -37,7 +37,11 @@ struct ReplayCommandTest : ::testing::Test {
         return RunReplayCommand(args, out, err);
     }
 
-    const fs::path folder = fs::temp_directory_path() / "plmx_replay_test";
+    // Per case: ctest runs the cases side by side.
+    const fs::path folder =
+        fs::temp_directory_path() /
+        ("plmx_replay_" +
+         std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
     std::ostringstream out, err;
 };
 
