@@ -1,6 +1,7 @@
 #include "logonmon/EventFields.h"
 #include "logonmon/LogonProcessor.h"
 #include "logonmon/ProcessorTexts.h"
+#include "logonmon/TimingPoints.h"
 
 namespace logonmon {
 
@@ -59,16 +60,16 @@ void LogonProcessor::RecordWinlogonTimingPoint(EventRecordData& record,
                                      : record.opcode == kOpcodeStop
                                          ? std::wstring_view(L"Stop")
                                          : std::wstring_view(record.opcodeName);
-    // Built in place, in one allocation.
-    std::wstring name;
-    name.reserve(8 + record.taskName.size() + subscriber.size() + notification.size() +
-                 ending.size());
-    name.append(L"WL_").append(record.taskName).append(L"_");
+    // Built in a buffer that keeps its size, then looked up in the interned
+    // names: no allocation once a name was seen.
+    thread_local std::wstring name;
+    name.assign(L"WL_").append(record.taskName).append(L"_");
     if (!subscriber.empty()) {
         name.append(subscriber).append(L"_");
     }
     name.append(notification).append(L"_").append(ending);
-    record.sessionContext->timingPoints.insert_or_assign(std::move(name), record.timestamp);
+    record.sessionContext->timingPoints.insert_or_assign(InternedTimingPointName(name),
+                                                         record.timestamp);
 }
 
 void LogonProcessor::Winlogon_CreateSession(EventRecordData& record) {
@@ -112,8 +113,8 @@ void LogonProcessor::Winlogon_Login_Started(EventRecordData& record) {
             context->userName.clear();
             context->userDomain.clear();
             sessionIndex_.ChangeSid(context, record.userSid);
+            context->userSidText = record.userSid->ToString();
         }
-        context->userSidText = record.userSid->ToString();
         LogFormatted(kLevelVerbose, kFunction, "SID: %ws. sessionId=%d",
                      context->userSidText.c_str(), context->sessionId);
     }

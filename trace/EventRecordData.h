@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,7 +32,8 @@ struct PropertyNameLess {
 // HRESULT of ERROR_INVALID_SID, as the system's copy reports it.
 inline constexpr char kUserSidCopyFailed[] = "Failed to copy the event's user SID: 0x80070539";
 
-using PropertyMap = std::map<std::wstring, std::wstring, PropertyNameLess>;
+// Keys view the names in the event's schema, or literals.
+using PropertyMap = std::map<std::wstring_view, std::wstring, PropertyNameLess>;
 
 class EventRecordData {
   public:
@@ -49,6 +51,10 @@ class EventRecordData {
     std::wstring LogPrefix() const;
     // The message template with its inserts, or text built from the names.
     std::wstring MessageText();
+
+    // Frees what only the handlers read (payload, properties), keeping what a
+    // log line shows of the event.
+    void ReleasePayload();
 
     // Text of the name pointers into the schema; empty when absent.
     std::wstring EventName() const;
@@ -70,17 +76,18 @@ class EventRecordData {
     uint8_t level = 0;
     uint8_t opcode = 0;
     uint32_t sessionId = 0xFFFFFFFF;
-    // Shared by the events of one kind.
-    std::shared_ptr<const EventSchemaBuffer> schema;
+    // Shared by the events of one kind; the names below live in it.
+    std::shared_ptr<const DecodedSchema> schema;
     uint32_t decodingSource = 0;
-    std::wstring providerName;
-    std::wstring taskName;
-    std::wstring opcodeName;
+    // Empty without a schema.
+    const std::wstring& providerName;
+    const std::wstring& taskName;
+    const std::wstring& opcodeName;
     const WCHAR* eventName = nullptr;
     const WCHAR* relatedName = nullptr;
     const WCHAR* message = nullptr;
     PropertyMap properties;
-    std::vector<const WCHAR*> propertyNames;
+    std::span<const WCHAR* const> propertyNames;
 
     // The session this event belongs to, linked by the logon processor.
     std::shared_ptr<SESSION_CONTEXT> sessionContext;

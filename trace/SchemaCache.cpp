@@ -6,6 +6,8 @@
 #include <mutex>
 #include <tuple>
 
+#include "trace/Providers.h"
+
 namespace logonmon {
 
 namespace {
@@ -35,20 +37,23 @@ bool CarriesItsOwnSchema(const EVENT_RECORD& record) {
     return false;
 }
 
-std::shared_ptr<const EventSchemaBuffer> Fetch(const EVENT_RECORD& record, TdhApi& tdh) {
+std::shared_ptr<const DecodedSchema> Fetch(const EVENT_RECORD& record, TdhApi& tdh) {
     EventSchemaBuffer schema = QueryEventSchema(record, tdh);
-    return schema.bytes ? std::make_shared<const EventSchemaBuffer>(std::move(schema)) : nullptr;
+    if (!schema.bytes) {
+        return nullptr;
+    }
+    const bool winlogon = GuidEquals(record.EventHeader.ProviderId, providers::kWinlogon);
+    return std::make_shared<const DecodedSchema>(DecodeSchema(std::move(schema), winlogon));
 }
 
 }  // namespace
 
-std::shared_ptr<const EventSchemaBuffer> CachedEventSchema(const EVENT_RECORD& record,
-                                                           TdhApi& tdh) {
+std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& record, TdhApi& tdh) {
     if (CarriesItsOwnSchema(record)) {
         return Fetch(record, tdh);
     }
     static std::mutex mutex;
-    static std::map<SchemaKey, std::shared_ptr<const EventSchemaBuffer>> schemas;
+    static std::map<SchemaKey, std::shared_ptr<const DecodedSchema>> schemas;
     const SchemaKey key = KeyOf(record);
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -59,11 +64,10 @@ std::shared_ptr<const EventSchemaBuffer> CachedEventSchema(const EVENT_RECORD& r
             return found->second;
         }
     }
-    std::shared_ptr<const EventSchemaBuffer> schema = Fetch(record, tdh);
+    std::shared_ptr<const DecodedSchema> schema = Fetch(record, tdh);
     // Events without a schema are asked again: a manifest may be installed
     // meanwhile.
-    if (schema &&
-        static_cast<uint32_t>(schema->Info()->DecodingSource) != kDecodingSourceTraceLogging) {
+    if (schema && schema->decodingSource != kDecodingSourceTraceLogging) {
         std::lock_guard<std::mutex> lock(mutex);
         schemas.emplace(key, schema);
     }

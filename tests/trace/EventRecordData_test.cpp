@@ -19,7 +19,7 @@ using Build = std::function<void(EventBuilder&)>;
 std::vector<std::wstring> Keys(const EventRecordData& data) {
     std::vector<std::wstring> keys;
     for (const auto& entry : data.properties) {
-        keys.push_back(entry.first);
+        keys.emplace_back(entry.first);
     }
     return keys;
 }
