@@ -72,6 +72,7 @@ void ReadProperties(EventRecordData& data, const EVENT_RECORD& record, TdhApi& t
     }
     const DecodedSchema& schema = *data.schema;
     data.decodingSource = schema.decodingSource;
+    data.properties.reserve(schema.properties.size() + 2);  // with the two names
     data.eventName = schema.eventName;
     if (data.eventName != nullptr) {
         data.properties[L"name"] = schema.eventNameText;
@@ -167,6 +168,34 @@ bool PropertyNameLess::operator()(std::wstring_view left, std::wstring_view righ
         left.begin(), left.end(), right.begin(), right.end(), [](wchar_t a, wchar_t b) {
             return static_cast<uint32_t>(FoldCase(a)) < static_cast<uint32_t>(FoldCase(b));
         });
+}
+
+PropertyMap::const_iterator PropertyMap::find(std::wstring_view name) const {
+    return entries_.begin() + (const_cast<PropertyMap*>(this)->find(name) - entries_.begin());
+}
+
+PropertyMap::iterator PropertyMap::find(std::wstring_view name) {
+    const auto entry = LowerBound(name);
+    return entry != entries_.end() && SameName(entry->first, name) ? entry : entries_.end();
+}
+
+std::wstring& PropertyMap::operator[](std::wstring_view name) {
+    const auto entry = LowerBound(name);
+    if (entry != entries_.end() && SameName(entry->first, name)) {
+        return entry->second;
+    }
+    return entries_.emplace(entry, name, std::wstring())->second;
+}
+
+void PropertyMap::insert_or_assign(std::wstring_view name, std::wstring value) {
+    (*this)[name] = std::move(value);
+}
+
+PropertyMap::iterator PropertyMap::LowerBound(std::wstring_view name) {
+    return std::lower_bound(entries_.begin(), entries_.end(), name,
+                            [](const value_type& entry, std::wstring_view key) {
+                                return PropertyNameLess()(entry.first, key);
+                            });
 }
 
 EventRecordData::EventRecordData(const EVENT_RECORD& record)

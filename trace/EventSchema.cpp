@@ -65,7 +65,11 @@ uint32_t TopLevelPropertiesInBuffer(const EventSchemaBuffer& schema) {
 }
 
 std::wstring Trimmed(std::wstring text) {
-    constexpr wchar_t kWhiteSpace[] = L" \t\r\n\v\f";
+    constexpr std::wstring_view kWhiteSpace = L" \t\r\n\v\f";
+    if (text.empty() || (kWhiteSpace.find(text.front()) == std::wstring_view::npos &&
+                         kWhiteSpace.find(text.back()) == std::wstring_view::npos)) {
+        return text;
+    }
     text.erase(text.find_last_not_of(kWhiteSpace) + 1);
     text.erase(0, text.find_first_not_of(kWhiteSpace));
     return text;

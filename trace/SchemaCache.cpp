@@ -4,7 +4,6 @@
 #include <cstring>
 #include <map>
 #include <mutex>
-#include <tuple>
 
 #include "trace/Providers.h"
 
@@ -16,16 +15,19 @@ namespace {
 constexpr uint32_t kDecodingSourceTraceLogging = 3;
 constexpr uint16_t kExtTypeTraceLoggingSchema = 11;
 
-// What tells one kind of event from another, under the binding in use.
-using SchemaKey = std::tuple<uint64_t, std::array<uint8_t, sizeof(GUID)>, uint16_t, uint8_t,
-                             uint8_t, uint8_t, uint64_t>;
+// What tells one kind of event from another, under the binding in use:
+// the generation, the provider, then id, version, opcode and level packed,
+// then the keyword, compared as whole words.
+using SchemaKey = std::array<uint64_t, 5>;
 
 SchemaKey KeyOf(const EVENT_RECORD& record) {
     const EVENT_DESCRIPTOR& descriptor = record.EventHeader.EventDescriptor;
-    std::array<uint8_t, sizeof(GUID)> provider;
-    std::memcpy(provider.data(), &record.EventHeader.ProviderId, provider.size());
-    return {TdhBindingGeneration(), provider,         descriptor.Id,     descriptor.Version,
-            descriptor.Opcode,      descriptor.Level, descriptor.Keyword};
+    SchemaKey key{TdhBindingGeneration()};
+    std::memcpy(&key[1], &record.EventHeader.ProviderId, sizeof(GUID));
+    key[3] = uint64_t{descriptor.Id} << 24 | uint64_t{descriptor.Version} << 16 |
+             uint64_t{descriptor.Opcode} << 8 | descriptor.Level;
+    key[4] = descriptor.Keyword;
+    return key;
 }
 
 bool CarriesItsOwnSchema(const EVENT_RECORD& record) {
@@ -57,7 +59,7 @@ std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& recor
     const SchemaKey key = KeyOf(record);
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (!schemas.empty() && std::get<0>(schemas.begin()->first) != std::get<0>(key)) {
+        if (!schemas.empty() && schemas.begin()->first[0] != key[0]) {
             schemas.clear();
         }
         if (const auto found = schemas.find(key); found != schemas.end()) {
