@@ -8,7 +8,11 @@
 #include "log/LogWriter.h"
 #include "log/SessionLog.h"
 #include "monitor/UsageReport.h"
+#include "trace/BuiltInSchemaTdh.h"
 #include "trace/ReplayEtlFile.h"
+#include "trace/TdhWithBuiltInSchemas.h"
+#include "trace/TextForms.h"
+#include "trace/UnsupportedTdh.h"
 
 namespace {
 
@@ -119,6 +123,19 @@ void LogonMonitor::RunFile(const std::wstring& path) {
         ConsumerHandle trace(*seams_.consume);
         EVENT_TRACE_LOGFILEW logFile = TraceFileLogFile(path);
         if (trace.Open(logFile)) {
+            logonmon::BuiltInSchemaTdh builtIn(logonmon::UnsupportedTdh());
+            logonmon::TdhWithBuiltInSchemas schemas(
+                *seams_.tdh, builtIn, [&path](const EVENT_RECORD& event) {
+                    LogMessage(nullptr, LOG_LEVEL_INFO, kRunFileFunction,
+                               "The system has no schema for event %d version %d of provider %ws "
+                               "in trace file %ws; decoding such events with the built-in event "
+                               "schemas",
+                               event.EventHeader.EventDescriptor.Id,
+                               event.EventHeader.EventDescriptor.Version,
+                               logonmon::GuidText(event.EventHeader.ProviderId).c_str(),
+                               path.c_str());
+                });
+            const logonmon::ScopedTdhBinding binding(schemas);
             ProcessEvents(*seams_.consume, trace.Get(), [this](const EVENT_RECORD* eventRecord) {
                 PreHandleEventRecord(eventRecord);
             });

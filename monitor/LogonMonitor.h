@@ -17,7 +17,9 @@
 #include "monitor/TraceSessionRunner.h"
 #include "monitor/UserTokenApi.h"
 #include "trace/EtwConsumeApi.h"
+#include "trace/SchemaFallback.h"
 #include "trace/Sid.h"
+#include "trace/TdhApi.h"
 
 // The system bindings the monitor uses; tests replace them.
 struct MonitorServices {
@@ -25,6 +27,8 @@ struct MonitorServices {
     logonmon::EtwConsumeApi* consume = &logonmon::SystemEtwConsume();
     UserTokenApi* tokens = &SystemUserTokenApi();
     PdhApi* pdh = &DefaultPdh();
+    // The system's event decoder for traces the system reads; none under Wine.
+    logonmon::TdhApi* tdh = &logonmon::SchemaFallbackTdh();
 };
 
 class LogonMonitor : public logonmon::LogonProcessor {
