@@ -41,21 +41,22 @@ void LogonProcessor::RouteWinlogon(EventRecordData& record) {
         } else if (EqualsIgnoreCase(notification, L"Login")) {
             Winlogon_Login_Started(record);
         }
-    } else if (id != kNotificationStop && record.opcode == kOpcodeStop &&
-               EqualsIgnoreCase(notification, L"Login") &&
-               EqualsIgnoreCase(PropertyText(record, L"SubscriberName"), L"Profiles")) {
+    }
+    const std::wstring& subscriber = PropertyText(record, L"SubscriberName");
+    if ((id == kSubscriberStart || id == kSubscriberStop) && record.opcode == kOpcodeStop &&
+        EqualsIgnoreCase(notification, L"Login") && EqualsIgnoreCase(subscriber, L"Profiles")) {
         Profiles_Finished(record);
     }
     if (record.sessionContext) {
-        RecordWinlogonTimingPoint(record, notification);
+        RecordWinlogonTimingPoint(record, notification, subscriber);
     }
 }
 
 // "WL_" task "_" [subscriber "_"] notification "_" Start/Stop, e.g.
 // "WL_NotifyExecute_Login_Start", "WL_CallSubscriber_Profiles_Login_Start".
 void LogonProcessor::RecordWinlogonTimingPoint(EventRecordData& record,
-                                               const std::wstring& notification) {
-    const std::wstring& subscriber = PropertyText(record, L"SubscriberName");
+                                               const std::wstring& notification,
+                                               const std::wstring& subscriber) {
     const std::wstring_view ending = record.opcode == kOpcodeStart ? std::wstring_view(L"Start")
                                      : record.opcode == kOpcodeStop
                                          ? std::wstring_view(L"Stop")
