@@ -8,51 +8,37 @@
 
 #include "app/LogonMonitorRunner.h"
 #include "app/Settings.h"
-#include "log/LogWriter.h"
 #include "tests/support/LogFiles.h"
 
 namespace plmx::testing {
 namespace {
 
-using ::testing::ElementsAre;
-
-// A name query that refuses `failing` with access denied and answers the
-// other format by the two-call protocol.
+// A name query that refuses `failing` with access denied.
 template <COMPUTER_NAME_FORMAT failing>
 BOOL WINAPI FailingQuery(COMPUTER_NAME_FORMAT format, LPWSTR name, LPDWORD size) {
-    if (format == failing) {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return FALSE;
-    }
-    return GetComputerNameExW(format, name, size);
+    SetLastError(ERROR_ACCESS_DENIED);
+    return format != failing && GetComputerNameExW(format, name, size);
 }
 
 TEST(RunnerTest, AFailedNameQueryEndsTheRunWithZeroAfterItsTwoLines) {
-    const struct {
-        LogonMonitorRunner::ComputerNameQuery query;
-        const char* fatalLine;
-    } cases[] = {
-        {&FailingQuery<ComputerNameNetBIOS>,
-         "FATAL [LogonMonitorRunner::InitializeProcess] Failed Getting Computer Name: 0x80070005"},
-        {&FailingQuery<ComputerNameDnsFullyQualified>,
-         "FATAL [LogonMonitorRunner::InitializeProcess] Failed Getting FQDN: 0x80070005"},
-    };
-    for (const auto& c : cases) {
+    for (const auto& [query, name] :
+         {std::pair{&FailingQuery<ComputerNameNetBIOS>, "Computer Name"},
+          std::pair{&FailingQuery<ComputerNameDnsFullyQualified>, "FQDN"}}) {
         TempFolder folder;
-        const std::wstring& path = folder.Path();
-        RegSetKeyValueW(HKEY_LOCAL_MACHINE, kSettingsKeyPath, L"LogPath", REG_SZ, path.c_str(),
-                        static_cast<DWORD>((path.size() + 1) * sizeof(wchar_t)));
-        EXPECT_EQ(LogonMonitorRunner(c.query).Run(nullptr, L"C:\\never-read.etl"), 0);
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, kSettingsKeyPath, L"LogPath", REG_SZ,
+                        folder.Path().c_str(),
+                        static_cast<DWORD>((folder.Path().size() + 1) * sizeof(wchar_t)));
+        EXPECT_EQ(LogonMonitorRunner(query).Run(nullptr, L"C:\\never-read.etl"), 0);
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, kSettingsKeyPath);
-        // The failed start-up leaves the main log open; the lines are there.
-        CloseMainLog();
-
-        const auto lines = Tagged(ReadLines(path + L"plmx.txt"));
+        CloseMainLog();  // a failed start-up leaves it open
+        const std::vector<std::string> lines = Tagged(ReadLines(folder.Path() + L"plmx.txt"));
         ASSERT_GE(lines.size(), 2u);
         EXPECT_THAT(
-            std::vector<std::string>(lines.end() - 2, lines.end()),
-            ElementsAre(c.fatalLine,
-                        "ERROR [LogonMonitorRunner::Run] Fatal error: Initializing failed"));
+            std::vector(lines.end() - 2, lines.end()),
+            ::testing::ElementsAre(
+                std::string("FATAL [LogonMonitorRunner::InitializeProcess] Failed Getting ") +
+                    name + ": 0x80070005",
+                "ERROR [LogonMonitorRunner::Run] Fatal error: Initializing failed"));
     }
 }
 

@@ -1,33 +1,23 @@
-// Installs the crash handler as the service does and then faults.
-// Usage: crashing_program <folder of the log and of the data folder> dumps|nodumps
-// The dump's clock is pinned to 2 March 2024 14:03:07.089, and in place of
-// the dump (which Wine writes at a few megabytes a minute) the file gets a
-// line naming what was asked for: "type 0x<type> thread <id> pointers <n>".
+// Installs the crash handler as the service does and faults.
+// Usage: crashing_program <folder of the log and of the data folder "dumps"> dumps|nodumps
+// The dump's clock reads 2 March 2024 14:03:07.089, and in place of the dump
+// (which Wine writes at a few megabytes a minute) the file gets a line naming
+// what was asked for: "type 0x<type> thread <id> pointers <n>".
 #include <windows.h>
 
 #include <cstdio>
 #include <string>
 
 #include "app/Settings.h"
-#include "crash/CrashSystem.h"
 #include "crash/CrashHandler.h"
+#include "crash/CrashSystem.h"
 #include "log/LogWriter.h"
 
 namespace {
 
 class TestCrashSystem : public CrashSystem {
   public:
-    SYSTEMTIME LocalTime() override {
-        SYSTEMTIME time{};
-        time.wYear = 2024;
-        time.wMonth = 3;
-        time.wDay = 2;
-        time.wHour = 14;
-        time.wMinute = 3;
-        time.wSecond = 7;
-        time.wMilliseconds = 89;
-        return time;
-    }
+    SYSTEMTIME LocalTime() override { return {2024, 3, 6, 2, 14, 3, 7, 89}; }
 
     bool WriteDump(HANDLE, DWORD, HANDLE file, MINIDUMP_TYPE type,
                    MINIDUMP_EXCEPTION_INFORMATION* exception) override {
@@ -40,25 +30,30 @@ class TestCrashSystem : public CrashSystem {
     }
 };
 
+// Ends the process with the fault's code once the handler lets the fault go
+// on, as the system does, but without the debugger Wine would start.
+LPTOP_LEVEL_EXCEPTION_FILTER handler = nullptr;
+
+LONG WINAPI EndWithoutDebugger(EXCEPTION_POINTERS* pointers) {
+    if (handler(pointers) == EXCEPTION_CONTINUE_SEARCH) {
+        TerminateProcess(GetCurrentProcess(), pointers->ExceptionRecord->ExceptionCode);
+    }
+    return EXCEPTION_EXECUTE_HANDLER;
+}
+
 }  // namespace
 
-int wmain(int argc, wchar_t** argv) {
-    if (argc != 3) {
-        return 2;
-    }
+int wmain(int, wchar_t** argv) {
+    static TestCrashSystem system;
     Settings& settings = Settings::Instance();
     // In the long-path form the settings give configured folders.
     settings.LogPath = AddTrailingSeparator(AddLongPathPrefix(argv[1]));
     settings.DataDir = settings.LogPath + L"dumps\\";
     settings.Flags = std::wstring(argv[2]) == L"nodumps" ? FLAG_DISABLE_MEMORY_DUMPS : 0;
-    if (!OpenMainLog()) {
-        return 3;
-    }
-    static TestCrashSystem system;
+    OpenMainLog();
     SetCrashSystem(&system);
     InstallCrashHandler();
-
-    volatile int* volatile nowhere = nullptr;
-    *nowhere = 1;
+    handler = SetUnhandledExceptionFilter(&EndWithoutDebugger);
+    *static_cast<volatile int*>(nullptr) = 1;
     return 0;
 }

@@ -2,15 +2,12 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <future>
 #include <set>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "app/LogSettings.h"
 #include "app/Settings.h"
@@ -26,6 +23,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char kArchive[] = "plmx__DESK01_alice_11_23_2026__09_05_07_0042.txt";
+constexpr wchar_t kCopy[] = L"DESK01_alice_3_11_23_2026T09_05_07_0042.txt";
 
 // 23 November 2026, 09:05:07.042 local time.
 SYSTEMTIME FixedTime() {
@@ -37,13 +35,10 @@ SYSTEMTIME FixedTime() {
 class FakeUser final : public Impersonation {
   public:
     bool Impersonate(HANDLE) override {
-        calls.push_back("impersonate");
-        if (whileImpersonating) {
-            whileImpersonating();
-        }
+        calls += "impersonate ";
         return allow;
     }
-    void Revert() override { calls.push_back("revert"); }
+    void Revert() override { calls += "revert"; }
     DWORD ExpandEnvironment(HANDLE token, const std::wstring& text,
                             std::wstring* expanded) override {
         if (token == nullptr) {
@@ -53,215 +48,147 @@ class FakeUser final : public Impersonation {
         expanded->replace(text.find(L"%USERNAME%"), 10, L"alice");
         return ERROR_SUCCESS;
     }
-
     bool allow = true;
-    Lines calls;
-    std::function<void()> whileImpersonating;
+    std::string calls;
 };
 
-void WriteFile(const std::wstring& path, const std::string& text) {
-    std::ofstream(fs::path(path), std::ios::binary) << text;
+void WriteFile(const fs::path& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
 }
 
-// The name the service's own environment gives.
-std::wstring ServiceUser() {
-    std::wstring name;
-    DefaultImpersonation().ExpandEnvironment(nullptr, L"%USERNAME%", &name);
-    return name;
-}
+constexpr uint32_t kUserFolders = FLAG_ENABLE_USER_LOG_FOLDERS;
 
-class ArchiveTest : public ::testing::Test {
-  protected:
-    ArchiveTest() {
-        ComputerNames::Instance().computerName = L"DESK01";
-        fs::create_directory(fs::path(remote_.Path() + L"alice"));
-        fs::create_directory(fs::path(remote_.Path() + ServiceUser()));
-        Settings::Instance().RemoteLogPath = uncRemote_ + L"\\%USERNAME%";
-    }
-    ~ArchiveTest() override { ComputerNames::Instance() = {}; }
+// Session 3's log is archived beside older archives a<i> (of distinct ages,
+// not in name order), its earlier fallback and another computer's archive,
+// then copied to the remote folder, named by %USERNAME%, as the user, who is
+// reverted to the service on every path.
+struct Case {
+    const char* name;
+    uint32_t flags = kUserFolders;
+    const wchar_t* user = L"alice";
+    uint32_t depth = 10;
+    int archives = 0;
+    bool searchFails = false;
+    bool allow = true;
+    const char* text = "lines";     // of the session log
+    const char* earlier = nullptr;  // already at the destination
+    bool remote = true;
+    const Lines* lines = nullptr;  // the archive's and the upload's lines, if checked
+    const char* calls = "impersonate revert";
+    std::set<std::string> left = {};  // in the log folder, if checked
+    const char* copy = "lines";       // at the destination afterwards
+};
 
-    // Opens session 3's log in the log folder with `text` in it.
-    void OpenSession(const std::string& text) {
-        ASSERT_TRUE(OpenLog(Settings::Instance().LogPath + L"plmx_session_X_3.txt", session_));
-        fputs(text.c_str(), session_.stream);
-    }
-    uint32_t Roll(const std::wstring& user = L"alice") {
-        return RollSessionLogFile(session_, 3, user, token_, system_);
-    }
-    // The archive's, the upload's and other threads' lines in the main log, as
-    // "TAG [source] message".
-    Lines Written() {
-        Lines lines = Tagged(ReadLines(mainLog_.Path()));
-        std::erase_if(lines, [](const std::string& line) {
-            return line.find("[RollSessionLogFile]") == std::string::npos &&
-                   line.find("[UploadLogFile]") == std::string::npos &&
-                   line.find("[Other]") == std::string::npos;
-        });
-        return lines;
-    }
-    std::string Destination(const std::wstring& user) {
-        return "\\\\?\\UNC\\" + Narrow(uncRemote_.substr(2) + L"\\" + user) +
-               "\\DESK01_alice_3_11_23_2026T09_05_07_0042.txt";
-    }
-    std::string Uploaded(const std::wstring& user) {
-        return "TRACE [UploadLogFile] Uploaded Log: Src: " + Narrow(Settings::Instance().LogPath) +
-               kArchive + ", Dest: " + Destination(user);
-    }
-
-    TempFolder folder_;
-    TempFolder remote_;
-    ScopedMainLog mainLog_{folder_.Path()};
-    SessionLog session_;
+TEST(ArchiveTest, ArchivesKeepsTheHistoryDepthAndUploadsACopyAsTheUser) {
+    TempFolder folder, remote;
+    ScopedMainLog mainLog{folder.Path()};
+    ComputerNames::Instance().computerName = L"DESK01";
     // Any real handle will do: only the fake user looks at it.
-    AccessToken token_{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
-    FakeUser user_;
-    const ArchiveSystem system_{user_, &FixedTime};
+    const AccessToken token{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+    FakeUser identity;
+    const ArchiveSystem system{identity, &FixedTime};
     // The remote folder through its drive's administrative share.
-    const std::wstring uncRemote_ = L"\\\\localhost\\" + remote_.Path().substr(0, 1) + L"$" +
-                                    remote_.Path().substr(2, remote_.Path().size() - 3);
-};
-
-TEST_F(ArchiveTest, KeepsAtMostTheHistoryDepth) {
-    // Archives a<i> of distinct ages, not in name order, beside another computer's.
+    const std::wstring unc = L"\\\\localhost\\" + remote.Path().substr(0, 1) + L"$" +
+                             remote.Path().substr(2, remote.Path().size() - 3);
     constexpr int kAgeInDays[] = {3, 5, 0, 4, 2};
     const std::string a0 = "plmx__DESK01_a0", a2 = "plmx__DESK01_a2", a4 = "plmx__DESK01_a4";
     const std::string bak = "plmx_session_X_3.txt.bak";
     const std::string other = "plmx__OTHERPC_bob_01_01_2020__00_00_00_0000.txt";
-    const struct {
-        const char* name;
-        const wchar_t* user;
-        uint32_t depth;
-        int archives;
-        bool searchFails;
-        std::set<std::string> left;
-    } cases[] = {
-        {"oldest three of five go", L"alice", 3, 5, false, {a2, a4, kArchive, other}},
-        {"history nearly full drops the .bak", L"alice", 1, 0, false, {kArchive, other}},
-        {"history with room keeps the .bak", L"alice", 3, 1, false, {a0, kArchive, bak, other}},
-        {"SYSTEM's log is deleted", L"SYSTEM", 10, 0, false, {bak, other}},
-        {"failed search falls back to .bak", L"alice", 3, 0, true, {bak, other}},
+    std::wstring service;
+    DefaultImpersonation().ExpandEnvironment(nullptr, L"%USERNAME%", &service);
+    const std::string log = Narrow(Settings::Instance().LogPath);
+    const auto route = [&](const std::wstring& user) {
+        return "Src: " + log + kArchive + ", Dest: \\\\?\\UNC\\" +
+               Narrow(unc.substr(2) + L"\\" + user + L"\\" + kCopy);
     };
-    Settings::Instance().RemoteLogPath.clear();
-    for (const auto& c : cases) {
+    const std::string uploaded = "TRACE [UploadLogFile] Uploaded Log: ";
+    const std::string src = "Src: " + log + "plmx_session_X_3.txt";
+    const Lines asService = {uploaded + route(service)}, asUser = {uploaded + route(L"alice")};
+    const Lines exists = {
+        "ERROR [UploadLogFile] Failed Uploading Log: " + route(L"alice") + ", 0x80070050",
+        "ERROR [RollSessionLogFile] Failed Uploading Log File: " + src + ", Dest: " + Narrow(unc) +
+            "\\alice, 0x80070050"};
+    const Lines refused = {"ERROR [UploadLogFile] Failed Impersonating: User: alice, SessionId: 3",
+                           uploaded + route(L"alice")};
+    const Lines empty = {"ERROR [RollSessionLogFile] Log File Was Empty: Path: " + src.substr(5) +
+                         ", HRESULT: 0x0, Size: 0"};
+    const Lines blank = {
+        "INFO [RollSessionLogFile] Upload is disabled because RemoteLogPath is blank: " + src};
+    const Case cases[] = {
+        {.name = "oldest 3 of 5 go", .depth = 3, .archives = 5, .left = {a2, a4, kArchive, other}},
+        {.name = "history nearly full drops .bak", .depth = 1, .left = {kArchive, other}},
+        {.name = "room keeps .bak", .depth = 3, .archives = 1, .left = {a0, kArchive, bak, other}},
+        {.name = "SYSTEM", .user = L"SYSTEM", .calls = "", .left = {bak, other}, .copy = nullptr},
+        {.name = "search fails", .searchFails = true, .left = {bak, other}},
+        {.name = "service's environment", .flags = 0, .lines = &asService},
+        {.name = "user's environment", .lines = &asUser},
+        {.name = "never over a file", .earlier = "earlier", .lines = &exists, .copy = "earlier"},
+        {.name = "refused", .allow = false, .lines = &refused, .calls = "impersonate "},
+        {.name = "empty log", .text = "", .lines = &empty, .calls = "", .copy = nullptr},
+        {.name = "blank remote", .remote = false, .lines = &blank, .calls = "", .copy = nullptr},
+    };
+    for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        const std::wstring folder = folder_.Path() + fs::path(c.name).wstring() + L"\\";
-        fs::create_directory(fs::path(folder));
-        Settings::Instance().LogPath = L"\\\\?\\" + folder;
-        Settings::Instance().LogHistoryDepth = c.depth;
-        OpenSession("lines");
-        WriteFile(folder + fs::path(bak).wstring(), "older");
-        WriteFile(folder + fs::path(other).wstring(), "");
+        for (const auto& entry : fs::directory_iterator(folder.Path())) {
+            if (entry.path().filename().string().starts_with("plmx_")) {
+                fs::remove(entry.path());
+            }
+        }
+        const fs::path destination =
+            remote.Path() + (c.flags != 0 ? L"alice" : service) + L"\\" + kCopy;
+        fs::remove_all(fs::path(remote.Path()));
+        fs::create_directories(destination.parent_path());
+        if (c.earlier) {
+            WriteFile(destination, c.earlier);
+        }
+        WriteFile(folder.Path() + fs::path(bak).wstring(), "older");
+        WriteFile(folder.Path() + fs::path(other).wstring(), "");
         for (int i = 0; i < c.archives; ++i) {
-            const std::wstring path = folder + L"plmx__DESK01_a" + std::to_wstring(i);
+            const fs::path path = folder.Path() + L"plmx__DESK01_a" + std::to_wstring(i);
             WriteFile(path, "");
             fs::last_write_time(
                 path, fs::file_time_type::clock::now() - std::chrono::hours(24 * kAgeInDays[i]));
         }
-        if (c.searchFails) {
-            Settings::Instance().LogPath += L"missing\\";
-        }
+        SessionLog session;
+        ASSERT_TRUE(OpenLog(fs::path(log).wstring() + L"plmx_session_X_3.txt", session));
+        fputs(c.text, session.stream);
+        Settings::Instance().Flags = c.flags;
+        Settings::Instance().LogHistoryDepth = c.depth;
+        Settings::Instance().LogPath =
+            fs::path(log).wstring() + (c.searchFails ? L"missing\\" : L"");
+        Settings::Instance().RemoteLogPath = c.remote ? unc + L"\\%USERNAME%" : L"";
+        identity.allow = c.allow;
+        identity.calls.clear();
+        const size_t before = ReadLines(mainLog.Path()).size();
 
-        EXPECT_EQ(Roll(c.user), 0u);
+        RollSessionLogFile(session, 3, c.user, token, system);
+
+        const Lines all = Tagged(ReadLines(mainLog.Path()));
+        Lines written;
+        std::copy_if(all.begin() + before, all.end(), std::back_inserter(written), [](auto& line) {
+            return line.find("[RollSessionLogFile]") != std::string::npos ||
+                   line.find("[UploadLogFile]") != std::string::npos;
+        });
+        EXPECT_EQ(written, c.lines ? *c.lines : written);
+        EXPECT_EQ(identity.calls, c.calls);
         std::set<std::string> left;
-        for (const auto& entry : fs::directory_iterator(folder)) {
+        for (const auto& entry : fs::directory_iterator(folder.Path())) {
             left.insert(entry.path().filename().string());
         }
-        EXPECT_EQ(left, c.left);
-    }
-}
-
-TEST_F(ArchiveTest, UploadsACopyAsTheUserOnlyWhenThereIsOneToMake) {
-    const std::string src = Narrow(Settings::Instance().LogPath) + "plmx_session_X_3.txt";
-    const std::wstring service = ServiceUser();
-    const Lines asService = {Uploaded(service)};
-    const Lines asUser = {Uploaded(L"alice")};
-    const Lines refused = {"ERROR [UploadLogFile] Failed Impersonating: User: alice, SessionId: 3",
-                           Uploaded(service)};
-    const Lines exists = {
-        "ERROR [UploadLogFile] Failed Uploading Log: Src: " + Narrow(Settings::Instance().LogPath) +
-            kArchive + ", Dest: " + Destination(service) + ", 0x80070050",
-        "ERROR [RollSessionLogFile] Failed Uploading Log File: Src: " + src +
-            ", Dest: " + Narrow(uncRemote_ + L"\\" + service) + ", 0x80070050"};
-    const Lines empty = {"ERROR [RollSessionLogFile] Log File Was Empty: Path: " + src +
-                         ", HRESULT: 0x0, Size: 0"};
-    const Lines blank = {
-        "INFO [RollSessionLogFile] Upload is disabled because RemoteLogPath is blank: Src: " + src};
-    const Lines both = {"impersonate", "revert"};
-    const Lines tried = {"impersonate"};
-    const struct {
-        const char* name;
-        uint32_t flags;
-        bool blankRemote;
-        bool allow;
-        const char* text;     // of the session log
-        const char* earlier;  // already at the destination
-        Lines lines;
-        Lines calls;
-        const char* copy;  // at the destination afterwards
-    } cases[] = {
-        {"service's environment", 0, false, true, "lines", nullptr, asService, both, "lines"},
-        {"user's environment", FLAG_ENABLE_USER_LOG_FOLDERS, false, true, "lines", nullptr, asUser,
-         both, "lines"},
-        {"never over an existing file", 0, false, true, "lines", "earlier", exists, both,
-         "earlier"},
-        {"impersonation refused", 0, false, false, "lines", nullptr, refused, tried, "lines"},
-        {"empty log", 0, false, true, "", nullptr, empty, {}, nullptr},
-        {"blank remote path", 0, true, true, "lines", nullptr, blank, {}, nullptr},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const std::wstring user = c.flags != 0 ? L"alice" : service;
-        const fs::path destination =
-            remote_.Path() + user + L"\\DESK01_alice_3_11_23_2026T09_05_07_0042.txt";
-        fs::remove(destination);
-        if (c.earlier) {
-            WriteFile(destination.wstring(), c.earlier);
-        }
-        Settings::Instance().Flags = c.flags;
-        if (c.blankRemote) {
-            Settings::Instance().RemoteLogPath.clear();
-        }
-        user_.allow = c.allow;
-        user_.calls.clear();
-        OpenSession(c.text);
-        const size_t before = Written().size();
-
-        Roll();
-        const Lines written = Written();
-        EXPECT_EQ(Lines(written.begin() + before, written.end()), c.lines);
-        EXPECT_EQ(user_.calls, c.calls);
-        EXPECT_EQ(ReadFileBytes(Settings::Instance().LogPath + fs::path(kArchive).wstring()),
-                  c.text);
+        left.erase("plmx.txt");
+        EXPECT_EQ(left, c.left.empty() ? left : c.left);
         EXPECT_EQ(fs::exists(destination) ? ReadFileBytes(destination) : "<none>",
                   c.copy ? c.copy : "<none>");
     }
-}
-
-TEST_F(ArchiveTest, NoOtherLineIsWrittenWhileTheUploadImpersonates) {
-    std::future<void> other;
-    user_.whileImpersonating = [&] {
-        other = std::async(std::launch::async,
-                           [] { LogMessage(nullptr, LOG_LEVEL_INFO, L"Other", "meanwhile"); });
-        EXPECT_EQ(other.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout);
-    };
-    OpenSession("lines");
-    Roll();
-    other.wait();
-    const Lines written = Written();
-    EXPECT_EQ(Lines(written.end() - 2, written.end()),
-              (Lines{Uploaded(ServiceUser()), "INFO [Other] meanwhile"}));
-}
-
-TEST_F(ArchiveTest, RevertsAlsoWhenTheUploadsOwnLineThrows) {
-    // That line makes the main log roll, which fails: a folder holds the
-    // backup's name.
-    CreateDirectoryW(mainLog_.BackupPath().c_str(), nullptr);
+    // The upload's own line throws (the main log cannot roll: a folder holds
+    // the backup's name); the user is reverted all the same.
+    CreateDirectoryW(mainLog.BackupPath().c_str(), nullptr);
     Settings::Instance().LogMaxSize = 0;
-    WriteFile(folder_.Path() + L"source.txt", "lines");
-    EXPECT_THROW(UploadLogFile(L"alice", 3, folder_.Path() + L"source.txt", uncRemote_ + L"\\alice",
-                               token_, system_),
+    identity.calls.clear();
+    EXPECT_THROW(UploadLogFile(L"alice", 3, mainLog.Path(), unc, token, system),
                  std::runtime_error);
-    EXPECT_EQ(user_.calls, (Lines{"impersonate", "revert"}));
+    EXPECT_EQ(identity.calls, "impersonate revert");
+    ComputerNames::Instance() = {};
 }
 
 }  // namespace

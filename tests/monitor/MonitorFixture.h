@@ -1,11 +1,14 @@
 // A logon monitor wired to fakes: a recording ETW controller, a scripted
-// consumer, tokens of this process's own user, accounts and fast timers; the
-// main log and the session logs in a temporary folder.
+// consumer, tokens of this process's own user, scripted counters and fast
+// timers; the main log and the session logs in a temporary folder.
 #pragma once
 
 #include <windows.h>
+#include <pdhmsg.h>
 #include <sddl.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -30,19 +33,19 @@ namespace plmx::testing {
 
 using Lines = std::vector<std::string>;
 
-// What one ProcessTrace call of a session (or trace file) does: runs
-// `before`, delivers the events to the callback on the calling thread as ETW
-// does, runs `after`, then waits until its handle is closed or ends.
+// What one ProcessTrace call does: runs `before`, delivers the events to the
+// callback on the calling thread as ETW does, runs `after`, then returns
+// `result`, or waits until its handle is closed.
 struct ConsumeScript {
     std::vector<TestEvent> events{};
     bool untilClosed = false;
     ULONG result = ERROR_SUCCESS;
-    bool throwBadAlloc = false;  // as a reader that runs out of memory
     std::function<void()> before{}, after{};
 };
 
-// Plays the scripts queued under a session's name; with none left,
-// ProcessTrace waits for its handle to be closed, like an idle live session.
+// Plays the scripts queued under a session's (or trace file's) name; with
+// none left, ProcessTrace waits for its handle to be closed, like an idle
+// live session.
 class FakeEtwConsume final : public logonmon::EtwConsumeApi {
   public:
     void Queue(const std::wstring& name, ConsumeScript script) {
@@ -55,13 +58,11 @@ class FakeEtwConsume final : public logonmon::EtwConsumeApi {
                              [](const auto& trace) { return !trace.second.closed; });
     }
     ULONG openError = 0;
-    // Called with the number of ProcessTrace calls so far as each begins.
-    std::function<void(int)> onProcessing;
 
     TRACEHANDLE OpenTrace(EVENT_TRACE_LOGFILEW* logFile) override {
         std::lock_guard<std::mutex> lock(mutex_);
+        SetLastError(openError);
         if (openError != 0) {
-            SetLastError(openError);
             return INVALID_PROCESSTRACE_HANDLE;
         }
         const wchar_t* name = logFile->LoggerName ? logFile->LoggerName : logFile->LogFileName;
@@ -79,11 +80,7 @@ class FakeEtwConsume final : public logonmon::EtwConsumeApi {
             script = std::move(queued.front());
             queued.pop_front();
         }
-        const int processing = ++processing_;
         lock.unlock();
-        if (onProcessing) {
-            onProcessing(processing);
-        }
         if (script.before) {
             script.before();
         }
@@ -94,9 +91,6 @@ class FakeEtwConsume final : public logonmon::EtwConsumeApi {
         }
         if (script.after) {
             script.after();
-        }
-        if (script.throwBadAlloc) {
-            throw std::bad_alloc();
         }
         lock.lock();
         closed_.wait(lock, [&] { return !script.untilClosed || traces_[handle].closed; });
@@ -120,7 +114,6 @@ class FakeEtwConsume final : public logonmon::EtwConsumeApi {
     std::map<std::wstring, std::deque<ConsumeScript>> scripts_;
     std::map<TRACEHANDLE, Trace> traces_;
     TRACEHANDLE lastHandle_ = 0;
-    int processing_ = 0;
 };
 
 // Answers WTSQueryUserToken from `answers` (0: this process's token, else
@@ -144,28 +137,44 @@ class FakeUserTokens final : public UserTokenApi {
     std::vector<ULONG> queried;
 };
 
-// Every counter reads 40 (percent, MB or bytes); counts the readings taken.
-class SteadyPdh final : public PdhApi {
+// Idle, kernel, user, available MB, committed, non-paged and paged bytes.
+using Sample = std::array<LONGLONG, 7>;
+
+// Counter i reads samples[tick][i] (the last sample once past the end); the
+// call named by `failing` ("open", "add3", "first", "read5") fails.
+class FakePdh final : public PdhApi {
   public:
     PDH_STATUS OpenQuery(PDH_HQUERY* query) override {
         *query = this;
-        return 0;
+        return Status("open");
     }
     PDH_STATUS AddCounter(PDH_HQUERY, const char*, PDH_HCOUNTER* counter) override {
-        *counter = this;
-        return 0;
+        added = added % 7 + 1;
+        *counter = reinterpret_cast<PDH_HCOUNTER>(added);
+        return Status("add" + std::to_string(added));
     }
-    PDH_STATUS CollectQueryData(PDH_HQUERY) override { return 0; }
-    PDH_STATUS CollectQueryDataWithTime(PDH_HQUERY, LONGLONG*) override {
+    PDH_STATUS CollectQueryData(PDH_HQUERY) override { return Status("first"); }
+    PDH_STATUS CollectQueryDataWithTime(PDH_HQUERY query, LONGLONG*) override {
         ++collected;
-        return 0;
+        return query == nullptr ? PDH_INVALID_HANDLE : 0;
     }
-    PDH_STATUS GetFormattedCounterValue(PDH_HCOUNTER, DWORD, PDH_FMT_COUNTERVALUE* value) override {
-        value->largeValue = 40;
-        return 0;
+    PDH_STATUS GetFormattedCounterValue(PDH_HCOUNTER counter, DWORD format,
+                                        PDH_FMT_COUNTERVALUE* value) override {
+        const size_t index = reinterpret_cast<size_t>(counter);
+        if (index == 0 || format != PDH_FMT_LARGE) {
+            return PDH_INVALID_HANDLE;
+        }
+        value->largeValue = samples.at(std::min(tick, samples.size() - 1))[index - 1];
+        return Status("read" + std::to_string(index));
     }
-    PDH_STATUS RemoveCounter(PDH_HCOUNTER) override { return 0; }
-    PDH_STATUS CloseQuery(PDH_HQUERY) override { return 0; }
+    PDH_STATUS RemoveCounter(PDH_HCOUNTER) override { return ++released, 0; }
+    PDH_STATUS CloseQuery(PDH_HQUERY) override { return ++released, 0; }
+    PDH_STATUS Status(const std::string& call) const { return call == failing ? PDH_NO_DATA : 0; }
+
+    std::string failing;
+    std::vector<Sample> samples{{60, 5, 40, 2000, 300 << 20, 0, 0}};
+    size_t tick = 0, added = 0;
+    int released = 0;
     std::atomic<int> collected{0};
 };
 
@@ -192,30 +201,36 @@ inline std::wstring ProcessUserSid() {
     return text;
 }
 
+// The lines from `from` on that begin with `prefix`.
 inline Lines Matching(const Lines& lines, const std::string& prefix, size_t from = 0) {
     Lines found;
-    for (size_t i = from; i < lines.size(); ++i) {
-        if (lines[i].starts_with(prefix)) {
-            found.push_back(lines[i]);
-        }
-    }
+    std::copy_if(lines.begin() + from, lines.end(), std::back_inserter(found),
+                 [&](const std::string& line) { return line.starts_with(prefix); });
     return found;
+}
+
+// Expects `expected` among `lines` in this order, others between them.
+inline void ExpectInOrder(const Lines& lines, const Lines& expected) {
+    auto next = lines.begin();
+    for (const std::string& line : expected) {
+        const auto found = std::find(next, lines.end(), line);
+        EXPECT_NE(found, lines.end()) << "missing or out of order: " << line;
+        next = found == lines.end() ? next : found;
+    }
 }
 
 class MonitorTest : public ::testing::Test {
   protected:
     // The settings' flags and remote folder are read when the monitor is made.
-    std::unique_ptr<LogonMonitor> Monitor(uint32_t flags, const std::wstring& remote = {}) {
+    std::unique_ptr<LogonMonitor> Monitor(uint32_t flags, const std::wstring& remote = {},
+                                          logonmon::TdhApi* tdh = nullptr) {
         Settings::Instance().Flags = flags;
         Settings::Instance().RemoteLogPath = remote;
-        return std::make_unique<LogonMonitor>(
-            MonitorServices{{&timers_, &clock_, &accounts_}, &consume_, &tokens_, &pdh_});
+        return std::make_unique<LogonMonitor>(MonitorServices{
+            {&timers_, &clock_, &accounts_}, &consume_, &tokens_, &pdh_, tdh ? tdh : &tdh_.fake});
     }
     // "<level> [<source>] <message>" of each line.
     Lines MainLog() const { return Tagged(ReadLines(mainLog_.Path())); }
-    Lines SessionLog(const std::wstring& name) const {
-        return Tagged(ReadLines(folder_.Path() + name));
-    }
     // The session logs and their archives, by file name.
     std::vector<std::wstring> SessionLogFiles() const {
         std::vector<std::wstring> names;
@@ -233,7 +248,7 @@ class MonitorTest : public ::testing::Test {
     logonmon::testing::RecordingEtwControl control_;
     FakeEtwConsume consume_;
     FakeUserTokens tokens_;
-    SteadyPdh pdh_;
+    FakePdh pdh_;
     FakeAccounts accounts_;
     FakeClock clock_;
     FastTimers timers_;

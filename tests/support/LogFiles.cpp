@@ -9,12 +9,21 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 
-#include "log/LogWriter.h"
-
 namespace plmx::testing {
+
+namespace {
+
+// "<timestamp> <level> (<ids>) [<source>] " or, for events,
+// "<timestamp> <level> (<ids>) [<event id>] [<source>] "; bounded, so that
+// matching a long line needs no deep recursion.
+const std::regex kPrefix(
+    R"(^.{23} ([^ ]{1,16}) \([^)]{0,64}\) (?:\[\d{1,5}\] )?\[([^\]]{0,256})\] )");
+
+}  // namespace
 
 TempFolder::TempFolder() {
     static std::atomic<unsigned> counter{0};
@@ -46,20 +55,9 @@ ScopedMainLog::~ScopedMainLog() {
     Settings::Instance() = saved_;
 }
 
-std::wstring ScopedMainLog::Path() const {
-    return MainLogPath();
-}
-
-std::wstring ScopedMainLog::BackupPath() const {
-    const std::wstring path = MainLogPath();
-    return path.substr(0, path.rfind(L'.')) + L".txt.bak";
-}
-
-StdoutCapture::StdoutCapture() {
+StdoutCapture::StdoutCapture() : savedDescriptor_(_dup(_fileno(stdout))) {
     fflush(stdout);
-    savedDescriptor_ = _dup(_fileno(stdout));
-    const int file = _wopen((folder_.Path() + L"stdout").c_str(), _O_WRONLY | _O_CREAT | _O_BINARY,
-                            _S_IREAD | _S_IWRITE);
+    const int file = _wopen(Path().c_str(), _O_WRONLY | _O_CREAT | _O_BINARY, _S_IREAD | _S_IWRITE);
     _dup2(file, _fileno(stdout));
     _close(file);
 }
@@ -70,19 +68,14 @@ StdoutCapture::~StdoutCapture() {
     _close(savedDescriptor_);
 }
 
-std::string StdoutCapture::Text() const {
-    return ReadFileBytes(Path());
-}
-
 std::wstring StdoutCapture::Path() const {
     fflush(stdout);
     return folder_.Path() + L"stdout";
 }
 
 std::string ReadFileBytes(const std::wstring& path) {
-    std::ifstream file(std::filesystem::path(path), std::ios::binary);
     std::ostringstream bytes;
-    bytes << file.rdbuf();
+    bytes << std::ifstream(std::filesystem::path(path), std::ios::binary).rdbuf();
     return bytes.str();
 }
 
@@ -90,7 +83,7 @@ std::vector<std::string> ReadLines(const std::wstring& path) {
     std::istringstream bytes(ReadFileBytes(path));
     std::vector<std::string> lines;
     for (std::string line; std::getline(bytes, line);) {
-        if (!line.empty() && line.back() == '\r') {
+        if (line.ends_with('\r')) {
             line.pop_back();
         }
         lines.push_back(line);
@@ -98,48 +91,26 @@ std::vector<std::string> ReadLines(const std::wstring& path) {
     return lines;
 }
 
-std::optional<LogLine> ParseLogLine(const std::string& line) {
-    // "<timestamp> <level> (<ids>) [<source>] " or, for events,
-    // "<timestamp> <level> (<ids>) [<event id>] [<source>] ".
-    const size_t level = line.find(' ') + 1;
-    const size_t open = line.find(" (", level);
-    const size_t close = line.find(") [", open);
-    if (level != 24 || open == std::string::npos || close == std::string::npos) {
-        return std::nullopt;
+std::vector<std::string> Tagged(const std::vector<std::string>& lines) {
+    std::vector<std::string> tagged;
+    for (const std::string& line : lines) {
+        std::smatch prefix;
+        tagged.push_back(std::regex_search(line, prefix, kPrefix)
+                             ? prefix.str(1) + " [" + prefix.str(2) + "] " + prefix.suffix().str()
+                             : "<unparsed> " + line);
     }
-    size_t source = close + 3;
-    const size_t idEnd = line.find("] [", source);
-    if (idEnd != std::string::npos && idEnd > source &&
-        line.find_first_not_of("0123456789", source) == idEnd) {
-        source = idEnd + 3;
-    }
-    const size_t sourceEnd = line.find("] ", source);
-    if (sourceEnd == std::string::npos) {
-        return std::nullopt;
-    }
-    return LogLine{line.substr(level, open - level), line.substr(open + 2, close - open - 2),
-                   line.substr(source, sourceEnd - source), line.substr(sourceEnd + 2)};
+    return tagged;
 }
 
 std::vector<std::string> LinesFrom(const std::wstring& path, const std::string& source) {
     std::vector<std::string> lines;
-    for (const std::string& text : ReadLines(path)) {
-        const std::optional<LogLine> line = ParseLogLine(text);
-        if (line && line->source.starts_with(source)) {
-            lines.push_back(line->level + " " + line->message);
+    for (const std::string& line : ReadLines(path)) {
+        std::smatch prefix;
+        if (std::regex_search(line, prefix, kPrefix) && prefix.str(2).starts_with(source)) {
+            lines.push_back(prefix.str(1) + " " + prefix.suffix().str());
         }
     }
     return lines;
-}
-
-std::vector<std::string> Tagged(const std::vector<std::string>& lines) {
-    std::vector<std::string> tagged;
-    for (const std::string& line : lines) {
-        const std::optional<LogLine> parsed = ParseLogLine(line);
-        tagged.push_back(parsed ? parsed->level + " [" + parsed->source + "] " + parsed->message
-                                : "<unparsed> " + line);
-    }
-    return tagged;
 }
 
 std::string Narrow(const std::wstring& text) {

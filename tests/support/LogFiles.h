@@ -1,13 +1,13 @@
-// Test helpers for the log writer: temporary folders, the main log pointed
-// at one, captured standard output and log files read back line by line.
+// Test helpers for the logs: temporary folders, the main log pointed at one,
+// captured standard output and log files read back line by line.
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "app/Settings.h"
+#include "log/LogWriter.h"
 
 namespace plmx::testing {
 
@@ -34,14 +34,14 @@ class ScopedMainLog {
     ScopedMainLog(const ScopedMainLog&) = delete;
     ScopedMainLog& operator=(const ScopedMainLog&) = delete;
 
-    std::wstring Path() const;
-    std::wstring BackupPath() const;
+    std::wstring Path() const { return MainLogPath(); }
+    std::wstring BackupPath() const { return MainLogPath() + L".bak"; }
 
   private:
     Settings saved_;
 };
 
-// Sends standard output into a file while it lives.
+// Sends standard output into the file Path() while it lives.
 class StdoutCapture {
   public:
     StdoutCapture();
@@ -49,9 +49,7 @@ class StdoutCapture {
     StdoutCapture(const StdoutCapture&) = delete;
     StdoutCapture& operator=(const StdoutCapture&) = delete;
 
-    std::string Text() const;
-    // The file standard output goes to.
-    std::wstring Path() const;
+    std::wstring Path() const;  // flushed first
 
   private:
     TempFolder folder_;
@@ -61,18 +59,9 @@ class StdoutCapture {
 std::string ReadFileBytes(const std::wstring& path);
 // The file's lines without their line ends.
 std::vector<std::string> ReadLines(const std::wstring& path);
-
-struct LogLine {
-    std::string level;   // the tag, or the event's level name
-    std::string ids;     // inside the parentheses
-    std::string source;  // function or provider name
-    std::string message;
-};
-// Either prefix; nothing when the line has neither.
-std::optional<LogLine> ParseLogLine(const std::string& line);
-// "<level> [<source>] <message>" of each line.
+// "<level> [<source>] <message>" of each line, the event id left out;
+// "<unparsed> <line>" for a line that is not a log line.
 std::vector<std::string> Tagged(const std::vector<std::string>& lines);
-
 // "<level> <message>" of the file's lines whose source begins with `source`.
 std::vector<std::string> LinesFrom(const std::wstring& path, const std::string& source);
 
