@@ -18,7 +18,7 @@ using namespace plmx::testing;
 std::wstring Keys(const EventRecordData& data) {
     std::wstring keys;
     for (const auto& entry : data.properties) {
-        keys += entry.first + L" ";
+        keys.append(entry.first).append(L" ");
     }
     return keys;
 }
