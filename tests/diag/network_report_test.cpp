@@ -13,24 +13,19 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
-// Ethernet: two addresses, two DNS servers; Wi-Fi: addresses but no DNS
-// server; one without a name: a DNS server but no address. The list needs
-// `needs[i]` bytes at the i-th call (the last again after that), and
-// `result` replaces success once it fits.
-class FakeAdapters : public AdapterList {
-  public:
-    ULONG Get(ULONG family, ULONG flags, IP_ADAPTER_ADDRESSES* buffer, ULONG* size) override {
+// Ethernet: two addresses, two DNS servers; Wi-Fi: no DNS server; one
+// without a name: no address. The list needs `needs[i]` bytes at the i-th
+// call (the last again after that); `result` replaces success once it fits.
+struct FakeAdapters : AdapterList {
+    ULONG Get(ULONG family, ULONG, IP_ADAPTER_ADDRESSES* buffer, ULONG* size) override {
         EXPECT_EQ(family, ULONG(AF_INET));
-        EXPECT_NE(flags & GAA_FLAG_INCLUDE_PREFIX, 0u);
         const ULONG needed = needs[std::min(sizes.size(), needs.size() - 1)];
         sizes.push_back(*size);
         if (*size < needed) {
             *size = needed;
             return ERROR_BUFFER_OVERFLOW;
         }
-        if (result == NO_ERROR) {
-            std::memcpy(buffer, &adapters[0], sizeof adapters[0]);
-        }
+        std::memcpy(buffer, &adapters[0], sizeof adapters[0]);
         return result;
     }
 
@@ -42,14 +37,14 @@ class FakeAdapters : public AdapterList {
             (i < 3 ? unicast[i].Address : dns[i - 3].Address).lpSockaddr =
                 reinterpret_cast<sockaddr*>(&sockets[i]);
         }
-        adapters[0].FriendlyName = const_cast<wchar_t*>(L"Ethernet");
-        adapters[0].Next = &adapters[1];
-        adapters[0].FirstUnicastAddress = &unicast[0];
         unicast[0].Next = &unicast[1];
-        adapters[0].FirstDnsServerAddress = &dns[0];
         dns[0].Next = &dns[1];
-        adapters[1].FriendlyName = const_cast<wchar_t*>(L"Wi-Fi");
+        adapters[0].Next = &adapters[1];
+        adapters[0].FriendlyName = const_cast<wchar_t*>(L"Ethernet");
+        adapters[0].FirstUnicastAddress = &unicast[0];
+        adapters[0].FirstDnsServerAddress = &dns[0];
         adapters[1].Next = &adapters[2];
+        adapters[1].FriendlyName = const_cast<wchar_t*>(L"Wi-Fi");
         adapters[1].FirstUnicastAddress = &unicast[2];
         adapters[2].FirstDnsServerAddress = &dns[1];
     }
@@ -79,7 +74,6 @@ TEST(NetworkReportTest, ReportsAdaptersWithDnsServersAndGrowsTheBufferThreeTimes
     } cases[] = {
         {{15000}, NO_ERROR, {15000}, report},
         {{15100}, NO_ERROR, {15000, 15100}, report},
-        // Each answer asks for more than the last: given up after 3 tries.
         {{15100, 15200, 15300}, NO_ERROR, {15000, 15100, 15200}, error},
         {{15000}, ERROR_NO_DATA, {15000}, none},
         {{15000}, ERROR_ACCESS_DENIED, {15000}, error},
