@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <windows.h>
-
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -10,8 +7,6 @@
 #include <stdexcept>
 
 #include "app/LogSettings.h"
-#include "app/Settings.h"
-#include "log/LogWriter.h"
 #include "log/SessionLog.h"
 #include "log/SessionLogArchive.h"
 #include "tests/support/LogFiles.h"
@@ -30,10 +25,9 @@ SYSTEMTIME FixedTime() {
     return {2026, 11, 1, 23, 9, 5, 7, 42};
 }
 
-// Stands for the user's token: records what is done with it and gives the
-// user's environment, in which %USERNAME% is "alice".
-class FakeUser final : public Impersonation {
-  public:
+// The user's token: records what is done with it; in its environment
+// %USERNAME% is "alice".
+struct FakeUser final : Impersonation {
     bool Impersonate(HANDLE) override {
         calls += "impersonate ";
         return allow;
