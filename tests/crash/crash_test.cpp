@@ -3,11 +3,9 @@
 #include <windows.h>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <string>
 
 #include "crash/DumpName.h"
 #include "tests/support/ChildProcess.h"

@@ -6,7 +6,6 @@
 #include <windows.h>
 
 #include <cstdio>
-#include <string>
 
 #include "app/Settings.h"
 #include "crash/CrashHandler.h"
@@ -30,8 +29,7 @@ class TestCrashSystem : public CrashSystem {
     }
 };
 
-// Ends the process with the fault's code once the handler lets the fault go
-// on, as the system does, but without the debugger Wine would start.
+// Ends with the fault's code as the system would, without Wine's debugger.
 LPTOP_LEVEL_EXCEPTION_FILTER handler = nullptr;
 
 LONG WINAPI EndWithoutDebugger(EXCEPTION_POINTERS* pointers) {
@@ -46,7 +44,6 @@ LONG WINAPI EndWithoutDebugger(EXCEPTION_POINTERS* pointers) {
 int wmain(int, wchar_t** argv) {
     static TestCrashSystem system;
     Settings& settings = Settings::Instance();
-    // In the long-path form the settings give configured folders.
     settings.LogPath = AddTrailingSeparator(AddLongPathPrefix(argv[1]));
     settings.DataDir = settings.LogPath + L"dumps\\";
     settings.Flags = std::wstring(argv[2]) == L"nodumps" ? FLAG_DISABLE_MEMORY_DUMPS : 0;
