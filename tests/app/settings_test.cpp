@@ -109,6 +109,7 @@ TEST(SettingsTest, LoadTakesValuesOfTheirTypeClampedAndKeepsTheDefaultsOtherwise
     EXPECT_EQ(settings.GetRemoteLogPath(nullptr), root + L"\\share\\" + Env(L"ProgramData"));
 }
 
+// With the user folders on, the remote path is left to the upload's lines.
 TEST(SettingsTest, SettingsBlockIsWrittenInOrder) {
     TempFolder logs;
     const ScopedMainLog mainLog(logs.Path());
@@ -116,36 +117,20 @@ TEST(SettingsTest, SettingsBlockIsWrittenInOrder) {
     Settings& settings = Settings::Instance();
     settings.LogHistoryDepth = 7;
     settings.LogMaxSize = 5000000;
-    settings.RemoteLogPath = L"%SystemRoot%\\share";
+    settings.Flags = 0x01F;
+    settings.RuntimeFlags = 0x100;
     settings.DataDir = L"\\\\?\\C:\\data\\";
-    const std::string remote = "Remote Log Path: " + Narrow(Env(L"SystemRoot")) + "\\share";
-    const struct {
-        uint32_t flags;
-        uint32_t runtimeFlags;
-        std::string remoteLine;
-        std::string flagsLine;
-    } cases[] = {
-        {0x00F, 0x100, remote,
-         "Flags: 0x10F: PLMX_DISABLE_MEMORY_DUMPS | PLMX_ENABLE_LOOM_INTEGRATION | "
-         "PLMX_ENABLE_CPU_MEMORY_TIMINGS | PLMX_ENABLE_PROCESS_TIMINGS"},
-        {0x000, 0x010, "Remote Log Path: See Below", "Flags: 0x10: PLMX_ENABLE_USER_LOG_FOLDERS"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.flagsLine);
-        settings.Flags = c.flags;
-        settings.RuntimeFlags = c.runtimeFlags;
-        const size_t before = LinesFrom(mainLog.Path(), "LogSettings").size();
-        LogSettings(nullptr);
-        const Lines lines = LinesFrom(mainLog.Path(), "LogSettings");
-        EXPECT_EQ(
-            Lines(lines.begin() + before, lines.end()),
-            (Lines{"TRACE Log Level: 0x1F: Error | Info | Debug | Trace | Fatal",
-                   "TRACE Log History Depth: 7", "TRACE Log Path: " + Narrow(settings.LogPath),
-                   "TRACE Main Log Path: " + Narrow(MainLogPath()),
-                   "TRACE Main Log Max Size: 5000000", "TRACE " + c.remoteLine,
-                   "TRACE Data Dir: \\\\?\\C:\\data\\", "TRACE " + c.flagsLine,
-                   "TRACE Computer Name: DESK01", "TRACE FQDN: desk01.corp.example"}));
-    }
+    LogSettings(nullptr);
+    EXPECT_EQ(
+        LinesFrom(mainLog.Path(), "LogSettings"),
+        (Lines{"TRACE Log Level: 0x1F: Error | Info | Debug | Trace | Fatal",
+               "TRACE Log History Depth: 7", "TRACE Log Path: " + Narrow(settings.LogPath),
+               "TRACE Main Log Path: " + Narrow(MainLogPath()), "TRACE Main Log Max Size: 5000000",
+               "TRACE Remote Log Path: See Below", "TRACE Data Dir: \\\\?\\C:\\data\\",
+               "TRACE Flags: 0x11F: PLMX_DISABLE_MEMORY_DUMPS | PLMX_ENABLE_LOOM_INTEGRATION | "
+               "PLMX_ENABLE_CPU_MEMORY_TIMINGS | PLMX_ENABLE_PROCESS_TIMINGS | "
+               "PLMX_ENABLE_USER_LOG_FOLDERS",
+               "TRACE Computer Name: DESK01", "TRACE FQDN: desk01.corp.example"}));
     ComputerNames::Instance() = {};
 }
 

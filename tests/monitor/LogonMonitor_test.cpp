@@ -6,7 +6,6 @@ namespace plmx::testing {
 namespace {
 
 using ::testing::Contains;
-using ::testing::HasSubstr;
 
 constexpr int kNever = -1;
 constexpr size_t kNone = SIZE_MAX;
@@ -140,41 +139,6 @@ TEST_F(MonitorTest, RunFileFinishesEveryLogonOfTheTrace) {
         ASSERT_EQ(files.size(), c.sessionSummary.empty() ? 0u : 1u);
         if (!files.empty()) {
             EXPECT_THAT(Tagged(ReadLines(folder_.Path() + files[0])), Contains(c.sessionSummary));
-        }
-    }
-}
-
-TEST_F(MonitorTest, TryGetUserTokenWaitsForTheTokenOfTheSessionsUser) {
-    const std::wstring own = ProcessUserSid();
-    accounts_.accounts[own] = {L"CORP", L"alice"};
-    const struct {
-        std::vector<DWORD> answers;
-        std::wstring sid;
-        int sleeps;
-        const char* error;  // part of the first error line; none when the token is had
-    } cases[] = {
-        {{ERROR_NO_TOKEN, ERROR_NO_TOKEN, 0}, own, 2, nullptr},
-        {{ERROR_NO_TOKEN}, own, 21, "ERROR_NO_TOKEN.  Timeout/retry elapsed.  sessionId=3"},
-        {{ERROR_ACCESS_DENIED}, own, 0, "Failed to get user token, error 5.  sessionId=3"},
-        {{0}, kAliceSid, 0, " due to SID mismatch. sessionId=3"},
-    };
-    const auto monitor = Monitor(0);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(&c - cases);
-        tokens_.answers = c.answers;
-        tokens_.sleeps = 0;
-        const size_t before = MainLog().size();
-        std::wstring userName;
-        AccessToken token;
-        EXPECT_EQ(monitor->TryGetUserToken(3, logonmon::Sid::FromString(c.sid.c_str()), userName,
-                                           token, 5000),
-                  c.error == nullptr);
-        EXPECT_EQ(tokens_.sleeps, c.sleeps);
-        EXPECT_EQ(userName, c.error ? L"" : L"CORP\\alice");
-        const Lines errors = Matching(MainLog(), "ERROR [LogonMonitor::TryGetUserToken] ", before);
-        EXPECT_EQ(errors.empty(), c.error == nullptr);
-        if (c.error) {
-            EXPECT_THAT(errors, Contains(HasSubstr(c.error)));
         }
     }
 }

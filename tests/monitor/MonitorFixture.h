@@ -113,23 +113,14 @@ class FakeEtwConsume final : public logonmon::EtwConsumeApi {
     TRACEHANDLE lastHandle_ = 0;
 };
 
-// Answers WTSQueryUserToken from `answers` (0: this process's token, else
-// that error; the last one repeats); Sleep advances the tick count.
+// This process's token for every session; no waits.
 struct FakeUserTokens final : UserTokenApi {
     bool QueryUserToken(ULONG sessionId, HANDLE* token) override {
         queried.push_back(sessionId);
-        const DWORD answer = answers.at(std::min(queried.size(), answers.size()) - 1);
-        SetLastError(answer);
-        return answer == 0 && OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, token);
+        return OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, token);
     }
-    DWORD TickCount() override { return now; }
-    void Sleep(DWORD milliseconds) override {
-        now += milliseconds;
-        ++sleeps;
-    }
-    std::vector<DWORD> answers{0};
-    DWORD now = 1000;
-    int sleeps = 0;
+    DWORD TickCount() override { return 0; }
+    void Sleep(DWORD) override {}
     std::vector<ULONG> queried;
 };
 
