@@ -109,7 +109,6 @@ TEST(SettingsTest, LoadTakesValuesOfTheirTypeClampedAndKeepsTheDefaultsOtherwise
     EXPECT_EQ(settings.GetRemoteLogPath(nullptr), root + L"\\share\\" + Env(L"ProgramData"));
 }
 
-// With the user folders on, the remote path is left to the upload's lines.
 TEST(SettingsTest, SettingsBlockIsWrittenInOrder) {
     TempFolder logs;
     const ScopedMainLog mainLog(logs.Path());

@@ -79,7 +79,6 @@ TEST(ProfileReportTest, CountsFilesBySizeAndReportsTheVolumeAsTheUser) {
     EXPECT_EQ(lines.back(),
               "INFO Total Disk Space: " + std::to_string(disk.totalBytes >> 30) + " GB");
     EXPECT_EQ(impersonation.calls, "");
-
 }
 
 }  // namespace

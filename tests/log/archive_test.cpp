@@ -20,7 +20,6 @@ namespace {
 constexpr char kArchive[] = "plmx__DESK01_alice_11_23_2026__09_05_07_0042.txt";
 constexpr wchar_t kCopy[] = L"DESK01_alice_3_11_23_2026T09_05_07_0042.txt";
 
-// 23 November 2026, 09:05:07.042 local time.
 SYSTEMTIME FixedTime() {
     return {2026, 11, 1, 23, 9, 5, 7, 42};
 }
@@ -81,7 +80,6 @@ TEST(ArchiveTest, ArchivesKeepsTheHistoryDepthAndUploadsACopyAsTheUser) {
     const AccessToken token{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
     FakeUser identity;
     const ArchiveSystem system{identity, &FixedTime};
-    // The remote folder through its drive's administrative share.
     const std::wstring unc = L"\\\\localhost\\" + remote.Path().substr(0, 1) + L"$" +
                              remote.Path().substr(2, remote.Path().size() - 3);
     constexpr int kAgeInDays[] = {3, 5, 0, 4, 2};

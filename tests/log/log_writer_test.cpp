@@ -1,34 +1,20 @@
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <windows.h>
 
 #include <cstdarg>
 #include <cstdio>
-#include <memory>
 #include <regex>
+#include <thread>
 
-#include "log/SessionLog.h"
-#include "logonmon/CurrentRecord.h"
-#include "logonmon/SessionContext.h"
-#include "tests/support/EventBuilder.h"
 #include "tests/support/LogFiles.h"
-#include "trace/EventRecordData.h"
 
 namespace plmx::testing {
 namespace {
 
 using Lines = std::vector<std::string>;
-using ::testing::ElementsAre;
-using ::testing::StartsWith;
 
 const std::regex kTime(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3})");
-
-std::string Timestamp(const SYSTEMTIME& t) {
-    char text[32];
-    snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03d", t.wYear, t.wMonth, t.wDay,
-             t.wHour, t.wMinute, t.wSecond, t.wMilliseconds);
-    return text;
-}
 
 // " <tag> (<process>-<thread>) [<source>] " of this thread's plain lines.
 std::string Prefix(const char* tag, const char* source) {
@@ -36,13 +22,6 @@ std::string Prefix(const char* tag, const char* source) {
     snprintf(text, sizeof text, " %s (%04lx-%04lx) [%s] ", tag, GetCurrentProcessId(),
              GetCurrentThreadId(), source);
     return text;
-}
-
-// A path under which nothing can be created: a file stands in its way.
-std::wstring BlockedFolder(const std::wstring& folder) {
-    CloseHandle(CreateFileW((folder + L"blocker").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
-                            FILE_ATTRIBUTE_NORMAL, nullptr));
-    return L"\\\\?\\" + folder + L"blocker\\logs\\";
 }
 
 struct LogWriterTest : ::testing::Test {
@@ -93,70 +72,56 @@ TEST_F(LogWriterTest, LinesByteForByte) {
     }
 }
 
-// Every folder checked is echoed, created or not; while no main log is open
-// lines go to standard output, also those of a failed opening.
-TEST_F(LogWriterTest, FailuresToOpenOrCreateAreLoggedWhereLinesCanGo) {
-    const std::wstring nested = Settings::Instance().LogPath + L"a\\b";
-    EXPECT_EQ(RecurseCreateFolder(nested), 0u);
-    EXPECT_EQ(RecurseCreateFolder(nested), 183u);
-    const std::string echo = "TRACE [RecurseCreateFolder] Created Folder: " + Narrow(nested);
-    EXPECT_THAT(Tagged(ReadLines(mainLog_.Path())),
-                ElementsAre(StartsWith("INFO [OpenMainLog] "), echo, echo));
+constexpr int kLines = 5000, kWriters = 8;
+constexpr char kSource[] = "[Concurrency::Writer] ";
 
-    CloseMainLog();
-    const std::wstring logPath = Settings::Instance().LogPath;
-    StdoutCapture capture;
-    LogMessage(nullptr, LOG_LEVEL_ERROR, L"Writer::Test", "nowhere else");
-    const std::string blocked =
-        Narrow(Settings::Instance().LogPath = BlockedFolder(folder_.Path()));
-    EXPECT_FALSE(OpenMainLog());
-    EXPECT_THAT(
-        Tagged(ReadLines(capture.Path())),
-        ElementsAre(
-            "ERROR [Writer::Test] nowhere else",
-            StartsWith("ERROR [RecurseCreateFolder] Failed Creating Folder: " + blocked + ", 0x"),
-            "ERROR [OpenLog] Failed to open Log: " + blocked + "plmx.txt"));
-    Settings::Instance().LogPath = logPath;
-    const size_t size = ReadFileBytes(mainLog_.Path()).size();
-    ASSERT_TRUE(OpenMainLog());
-    EXPECT_EQ(Tagged(ReadLines(mainLog_.Path())).back(),
-              "INFO [OpenMainLog] Opened main log, Size: " + std::to_string(size));
+std::string Message(int writer, int index) {
+    char text[64];
+    snprintf(text, sizeof text, "W%d L%05d %s", writer, index, std::string(40, '.').c_str());
+    return text;
 }
 
-// An event of 2024-03-05 06:07:08.009 UTC from process 0x1a2b and thread
-// 0x3c: its lines show its own time, ids and provider. Until its session's
-// log is open they go to the main log.
-TEST_F(LogWriterTest, EventLinesGoToTheirSessionsLogOnceItIsOpen) {
-    const SYSTEMTIME utc{2024, 3, 2, 5, 6, 7, 8, 9};
-    FILETIME time;
-    SystemTimeToFileTime(&utc, &time);
-    logonmon::AllocateCurrentRecordSlot();
-    ScopedFakeTdh tdh;
-    EventBuilder builder;
-    builder.EventId(5).Level(5).ProcessId(0x1a2b).ThreadId(0x3c).Timestamp(
-        (uint64_t(time.dwHighDateTime) << 32) | time.dwLowDateTime);
-    logonmon::EventRecordData record(
-        builder.ProviderName(L"Microsoft-Windows-User Profiles Service").Record());
-    const auto session = std::make_shared<logonmon::SESSION_CONTEXT>();
-    session->sessionId = 7;
-    logonmon::LinkToSession(record, session);
-    const logonmon::ScopedCurrentRecord current(&record);
-    LogMessage(nullptr, LOG_LEVEL_INFO, L"Routing::Test", "before");
-    const std::wstring sessionPath = folder_.Path() + L"plmx_session_7.txt";
-    ASSERT_TRUE(OpenLog(sessionPath, *session->sessionLog));
-    LogMessage(nullptr, LOG_LEVEL_TRACE, L"Routing::Test", "handled %ws", L"logon");
-    CloseSessionLog(*session->sessionLog);
+// Eight writers fill the main log past its limit, which rolls it once: each
+// line of either file is one whole line, and each writer's lines are all
+// there in order.
+TEST(LogConcurrencyTest, LinesStayWholeAndInOrderAcrossARoll) {
+    constexpr uint32_t kLimit = 3000000;  // about 4.4 MB of lines
+    TempFolder folder;
+    ScopedMainLog mainLog(folder.Path(), kLimit);
+    std::vector<std::thread> writers;
+    for (int writer = 0; writer < kWriters; ++writer) {
+        writers.emplace_back([writer] {
+            for (int i = 0; i < kLines; ++i) {
+                LogMessage(nullptr, LOG_LEVEL_INFO, L"Concurrency::Writer", "%s",
+                           Message(writer, i).c_str());
+            }
+        });
+    }
+    for (std::thread& writer : writers) {
+        writer.join();
+    }
 
-    SYSTEMTIME local;
-    SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local);
-    const std::string prefix =
-        Timestamp(local) +
-        " VERBOSE (1a2b-003c-7) [0005] [Microsoft-Windows-User Profiles Service] ";
-    EXPECT_EQ(ReadLines(sessionPath), Lines{prefix + "handled logon"});
-    const Lines main = ReadLines(mainLog_.Path());
-    EXPECT_EQ(Lines(main.begin() + 1, main.end()),
-              (Lines{prefix + "before",
-                     prefix + "Created Folder: " + Narrow(Settings::Instance().LogPath)}));
+    std::vector<int> next(kWriters, 0);
+    for (const std::wstring& path : {mainLog.BackupPath(), mainLog.Path()}) {
+        for (const std::string& text : ReadLines(path)) {
+            if (text.find("[OpenMainLog] ") != std::string::npos) {
+                continue;
+            }
+            const size_t source = text.find(kSource);
+            const std::string message =
+                source == std::string::npos ? "" : text.substr(source + sizeof kSource - 1);
+            int writer = -1, index = -1;
+            ASSERT_TRUE(sscanf(message.c_str(), "W%d L%d", &writer, &index) == 2 && writer >= 0 &&
+                        writer < kWriters && message == Message(writer, index))
+                << "not a whole line: " << text;
+            ASSERT_EQ(index, next[writer]++) << text;
+        }
+    }
+    EXPECT_EQ(next, std::vector<int>(kWriters, kLines));
+    // The roll came right after the line that crossed the limit.
+    const size_t backupSize = ReadFileBytes(mainLog.BackupPath()).size();
+    EXPECT_GT(backupSize, kLimit);
+    EXPECT_LE(backupSize - ReadLines(mainLog.BackupPath()).back().size() - 2, kLimit);
 }
 
 }  // namespace

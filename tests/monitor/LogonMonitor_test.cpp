@@ -81,7 +81,6 @@ INSTANTIATE_TEST_SUITE_P(Cases, RunRealTimeTest, ::testing::ValuesIn(kRealTimeCa
 
 TEST_F(MonitorTest, RunFileFinishesEveryLogonOfTheTrace) {
     accounts_.accounts[kAliceSid] = {L"CORP", L"alice"};
-    // Alice's logon up to the shell's start, whose initialisation never comes.
     const std::vector<TestEvent> noShell = {CreateSession(2, kAliceSid, kMorning),
                                             Login(2, kAliceSid, kMorning + kSecond),
                                             NotifyStart(kStartShell, 2, kMorning + 20 * kSecond),

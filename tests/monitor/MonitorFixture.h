@@ -1,6 +1,4 @@
-// A logon monitor wired to fakes: a recording ETW controller, a scripted
-// consumer, tokens of this process's own user, scripted counters and fast
-// timers; the main log and the session logs in a temporary folder.
+// A logon monitor wired to one small fake per seam.
 #pragma once
 
 #include <windows.h>

@@ -37,7 +37,6 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
     const std::wstring user = ProcessUserSid();
     accounts_.accounts[user] = {L"CORP", L"alice"};
     ComputerNames::Instance().computerName = L"DESK01";
-    // The remote folder through its drive's administrative share.
     TempFolder remote;
     const std::wstring share = L"\\\\localhost\\" + remote.Path().substr(0, 1) + L"$" +
                                remote.Path().substr(2, remote.Path().size() - 3);
@@ -74,7 +73,6 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
     const auto waitFor = [](const UniqueHandle& event) {
         return [&event] { WaitForSingleObject(event.Get(), INFINITE); };
     };
-    // The timer samples the machine a few times meanwhile.
     consume_.Queue(L"logonmon_timing", {untilProfile, false, 0, {}, [&] {
                                             for (int ms = 0; pdh_.collected < 3 && ms < 5000;
                                                  ++ms) {
@@ -106,7 +104,6 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
     const Lines expected = {
         "INFO [LogSettings] Log History Depth: 10",
         "INFO [LogGPLogonScriptSynchronous] Group Policy Logon Scripts Are Asynchronous",
-        // The reports, then the summary.
         "INFO [LogProfileSize] Profile Size: 0.00MB, Files: 0, Folders: 0. sessionId=2",
         "INFO [LogonMonitor::LogCPUUsage] Max User Cpu: 40",
         "INFO [LogonMonitor::LogMemUsage] Max Committed Bytes: 300 MBs",
@@ -120,7 +117,6 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
     };
     ExpectInOrder(log, expected);
     EXPECT_EQ(tokens_.queried, std::vector<ULONG>{2});
-    // A copy on the share, as the user.
     std::vector<std::filesystem::path> copies(std::filesystem::directory_iterator(remote.Path()),
                                               {});
     ASSERT_EQ(copies.size(), 1u);
