@@ -63,7 +63,6 @@ TEST(SettingsTest, LoadTakesValuesOfTheirTypeClampedAndKeepsTheDefaultsOtherwise
     } cases[] = {
         {L"LogHistoryDepth", REG_DWORD, Dword(0), "LogHistoryDepth", L"1", 2},
         {L"LogHistoryDepth", REG_DWORD, Dword(11), "LogHistoryDepth", L"10", 2},
-        {L"LogHistoryDepth", REG_BINARY, Dword(40), "LogHistoryDepth", L"40", 2},
         {L"LogMaxSizeMB", REG_DWORD, Dword(0), "LogMaxSize", L"1000000", 2},
         {L"LogMaxSizeMB", REG_DWORD, Dword(5000), "LogMaxSize", L"1000000000", 2},
         {L"LogMaxSizeMB", REG_BINARY, Dword(25), "LogMaxSize", L"25", 2},
@@ -71,7 +70,6 @@ TEST(SettingsTest, LoadTakesValuesOfTheirTypeClampedAndKeepsTheDefaultsOtherwise
         {L"Flags", REG_SZ, Text(L"a"), "Flags", L"97", 2},
         {L"LogPath", REG_EXPAND_SZ, Text(L"%SystemRoot%\\Logs"), "LogPath",
          L"\\\\?\\" + root + L"\\Logs\\", 2},
-        {L"LogPath", REG_SZ, Text(L"D:\\logs/"), "LogPath", L"\\\\?\\D:\\logs/", 2},
         {L"LogPath", REG_DWORD, Dword(7), "LogPath", folder + L"Logs\\", 2},
         {L"DataDir", REG_EXPAND_SZ, Text(L"%SystemRoot%\\" + longName), "DataDir",
          L"\\\\?\\" + root + L"\\" + longName + L"\\", 2},
@@ -102,35 +100,6 @@ TEST(SettingsTest, LoadTakesValuesOfTheirTypeClampedAndKeepsTheDefaultsOtherwise
         }
     }
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, kSettingsKeyPath);
-
-    Settings settings;
-    EXPECT_EQ(settings.GetRemoteLogPath(nullptr), L"");
-    settings.RemoteLogPath = L"%SystemRoot%\\share\\%ProgramData%";
-    EXPECT_EQ(settings.GetRemoteLogPath(nullptr), root + L"\\share\\" + Env(L"ProgramData"));
-}
-
-TEST(SettingsTest, SettingsBlockIsWrittenInOrder) {
-    TempFolder logs;
-    const ScopedMainLog mainLog(logs.Path());
-    ComputerNames::Instance() = {L"DESK01", L"desk01.corp.example"};
-    Settings& settings = Settings::Instance();
-    settings.LogHistoryDepth = 7;
-    settings.LogMaxSize = 5000000;
-    settings.Flags = 0x01F;
-    settings.RuntimeFlags = 0x100;
-    settings.DataDir = L"\\\\?\\C:\\data\\";
-    LogSettings(nullptr);
-    EXPECT_EQ(
-        LinesFrom(mainLog.Path(), "LogSettings"),
-        (Lines{"TRACE Log Level: 0x1F: Error | Info | Debug | Trace | Fatal",
-               "TRACE Log History Depth: 7", "TRACE Log Path: " + Narrow(settings.LogPath),
-               "TRACE Main Log Path: " + Narrow(MainLogPath()), "TRACE Main Log Max Size: 5000000",
-               "TRACE Remote Log Path: See Below", "TRACE Data Dir: \\\\?\\C:\\data\\",
-               "TRACE Flags: 0x11F: PLMX_DISABLE_MEMORY_DUMPS | PLMX_ENABLE_LOOM_INTEGRATION | "
-               "PLMX_ENABLE_CPU_MEMORY_TIMINGS | PLMX_ENABLE_PROCESS_TIMINGS | "
-               "PLMX_ENABLE_USER_LOG_FOLDERS",
-               "TRACE Computer Name: DESK01", "TRACE FQDN: desk01.corp.example"}));
-    ComputerNames::Instance() = {};
 }
 
 }  // namespace

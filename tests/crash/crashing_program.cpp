@@ -1,7 +1,5 @@
-// Installs the crash handler as the service does and faults.
-// Usage: crashing_program <folder of the log and of the data folder "dumps"> dumps|nodumps
-// The dump's clock reads 2 March 2024 14:03:07.089, and in place of the dump
-// (which Wine writes at a few megabytes a minute) the file gets a line naming
+// Usage: crashing_program <folder of the log and of "dumps"> dumps|nodumps
+// Instead of a dump (Wine writes a few megabytes a minute) the file names
 // what was asked for: "type 0x<type> thread <id> pointers <n>".
 #include <windows.h>
 

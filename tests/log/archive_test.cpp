@@ -61,7 +61,6 @@ struct Case {
     const wchar_t* user = L"alice";
     uint32_t depth = 10;
     int archives = 0;
-    bool searchFails = false;
     bool allow = true;
     const char* text = "lines";     // of the session log
     const char* earlier = nullptr;  // already at the destination
@@ -111,7 +110,6 @@ TEST(ArchiveTest, ArchivesKeepsTheHistoryDepthAndUploadsACopyAsTheUser) {
         {.name = "history nearly full drops .bak", .depth = 1, .left = {kArchive, other}},
         {.name = "room keeps .bak", .depth = 3, .archives = 1, .left = {a0, kArchive, bak, other}},
         {.name = "SYSTEM", .user = L"SYSTEM", .calls = "", .left = {bak, other}, .copy = nullptr},
-        {.name = "search fails", .searchFails = true, .left = {bak, other}},
         {.name = "service's environment", .flags = 0, .lines = &asService},
         {.name = "user's environment", .lines = &asUser},
         {.name = "never over a file", .earlier = "earlier", .lines = &exists, .copy = "earlier"},
@@ -146,8 +144,6 @@ TEST(ArchiveTest, ArchivesKeepsTheHistoryDepthAndUploadsACopyAsTheUser) {
         fputs(c.text, session.stream);
         Settings::Instance().Flags = c.flags;
         Settings::Instance().LogHistoryDepth = c.depth;
-        Settings::Instance().LogPath =
-            fs::path(log).wstring() + (c.searchFails ? L"missing\\" : L"");
         Settings::Instance().RemoteLogPath = c.remote ? unc + L"\\%USERNAME%" : L"";
         identity.allow = c.allow;
         identity.calls.clear();

@@ -39,7 +39,7 @@ struct ConsumeScript {
     std::function<void()> before{}, after{};
 };
 
-// Plays the scripts queued under a session's or trace file's name; with none
+// Plays the scripts queued under a session's name; with none
 // left it waits like an idle live session.
 class FakeEtwConsume final : public logonmon::EtwConsumeApi {
   public:
@@ -170,24 +170,12 @@ inline Lines Matching(const Lines& lines, const std::string& prefix, size_t from
     return found;
 }
 
-// Expects `expected` among `lines` in this order, others between them.
-inline void ExpectInOrder(const Lines& lines, const Lines& expected) {
-    auto next = lines.begin();
-    for (const std::string& line : expected) {
-        const auto found = std::find(next, lines.end(), line);
-        EXPECT_NE(found, lines.end()) << "missing or out of order: " << line;
-        next = found == lines.end() ? next : found;
-    }
-}
-
-class MonitorTest : public ::testing::Test {
-  protected:
-    std::unique_ptr<LogonMonitor> Monitor(uint32_t flags, const std::wstring& remote = {},
-                                          logonmon::TdhApi* tdh = nullptr) {
+struct MonitorTest : ::testing::Test {
+    std::unique_ptr<LogonMonitor> Monitor(uint32_t flags, const std::wstring& remote = {}) {
         Settings::Instance().Flags = flags;
         Settings::Instance().RemoteLogPath = remote;
         return std::make_unique<LogonMonitor>(MonitorServices{
-            {&timers_, &clock_, &accounts_}, &consume_, &tokens_, &pdh_, tdh ? tdh : &tdh_.fake});
+            {&timers_, &clock_, &accounts_}, &consume_, &tokens_, &pdh_, &tdh_.fake});
     }
     Lines MainLog() const { return Tagged(ReadLines(mainLog_.Path())); }
     std::vector<std::wstring> SessionLogFiles() const {

@@ -42,8 +42,6 @@ class StdoutCapture {
   public:
     StdoutCapture();
     ~StdoutCapture();
-    StdoutCapture(const StdoutCapture&) = delete;
-    StdoutCapture& operator=(const StdoutCapture&) = delete;
 
     std::wstring Path() const;  // flushed first
 
