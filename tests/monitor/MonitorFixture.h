@@ -9,12 +9,8 @@
 #include <condition_variable>
 #include <deque>
 #include <filesystem>
-#include <functional>
 #include <map>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -46,11 +42,6 @@ class FakeEtwConsume final : public logonmon::EtwConsumeApi {
     void Queue(const std::wstring& name, ConsumeScript script) {
         std::lock_guard<std::mutex> lock(mutex_);
         scripts_[name].push_back(std::move(script));
-    }
-    size_t OpenHandles() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return std::count_if(traces_.begin(), traces_.end(),
-                             [](const auto& trace) { return !trace.second.closed; });
     }
     ULONG openError = 0;
 

@@ -45,8 +45,7 @@ TEST_F(MonitorTest, ALogonBecomesItsOwnSessionLog) {
 
     // Winlogon and the profile service on the timing session, which ends by
     // itself once and is restarted meanwhile; the logon script on the
-    // diagnostic session; then the shell. (The figures of each phase are the
-    // processor's own tests' business.)
+    // diagnostic session; then the shell.
     const std::vector<TestEvent> untilProfile = {
         CreateSession(2, user, kMorning),
         Login(2, user, kMorning + kSecond),
