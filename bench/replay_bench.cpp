@@ -158,7 +158,8 @@ class TraceScript {
     uint64_t now_ = kStart;
 };
 
-// The generated trace, written once for all benchmarks and removed at exit.
+// The generated trace, written once before the first benchmark's timing
+// starts and removed at exit.
 class GeneratedTrace {
   public:
     GeneratedTrace() : folder_(std::filesystem::temp_directory_path() / "plmx_replay_bench") {
@@ -190,10 +191,11 @@ void CountEvents(benchmark::State& state, uint64_t events) {
 }
 
 void BM_BareRead(benchmark::State& state) {
+    const std::string path = Trace().Path().string();
     std::vector<char> chunk(1 << 20);
     uint64_t bytes = 0;
     for (auto _ : state) {
-        const int file = open(Trace().Path().c_str(), O_RDONLY);
+        const int file = open(path.c_str(), O_RDONLY);
         ssize_t got = 0;
         while ((got = read(file, chunk.data(), chunk.size())) > 0) {
             bytes += static_cast<uint64_t>(got);
@@ -205,17 +207,19 @@ void BM_BareRead(benchmark::State& state) {
 }
 
 void BM_Read(benchmark::State& state) {
+    const std::string path = Trace().Path().string();
     uint64_t events = 0;
     for (auto _ : state) {
-        events = ReadEtlFile(Trace().Path().string(), [](const EVENT_RECORD&) {}).events;
+        events = ReadEtlFile(path, [](const EVENT_RECORD&) {}).events;
     }
     CountEvents(state, events);
 }
 
 void BM_ReadAndDecode(benchmark::State& state) {
+    const std::string path = Trace().Path().string();
     uint64_t events = 0;
     for (auto _ : state) {
-        events = logonmon::ReplayEtlFile(Trace().Path().string(), [](const EVENT_RECORD& record) {
+        events = logonmon::ReplayEtlFile(path, [](const EVENT_RECORD& record) {
                      const logonmon::EventRecordData data(record);
                      benchmark::DoNotOptimize(data.properties.size());
                  }).events;
@@ -224,11 +228,12 @@ void BM_ReadAndDecode(benchmark::State& state) {
 }
 
 void BM_WholeReplay(benchmark::State& state) {
+    const std::string path = Trace().Path().string();
     uint64_t events = 0;
     size_t sessions = 0;
     for (auto _ : state) {
         ReplayProcessor processor(Trace().Logs(), "logons.etl");
-        events = logonmon::ReplayEtlFile(Trace().Path().string(), [&](const EVENT_RECORD& record) {
+        events = logonmon::ReplayEtlFile(path, [&](const EVENT_RECORD& record) {
                      processor.HandleEventRecord(&record);
                  }).events;
         processor.Finish();

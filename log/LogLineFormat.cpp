@@ -1,5 +1,6 @@
 #include "log/LogLineFormat.h"
 
+#include <cstdint>
 #include <cstring>
 
 #include "log/LogWriter.h"
@@ -26,6 +27,32 @@ void FormatTimestamp(const SYSTEMTIME& time, char (&text)[kTimestampSize]) {
                time.wDay, time.wHour, time.wMinute, time.wSecond, time.wMilliseconds);
 }
 
+constexpr uint64_t kFileTimeUnitsPerSecond = 10'000'000;
+constexpr uint64_t kFileTimeUnitsPerMillisecond = 10'000;
+
+// The local time of an event up to its second ("2024-01-02T03:04:05."),
+// kept from the line before: events come in time order, so that most lines
+// share their second with the one before, and the conversion to local time
+// is what costs. Its milliseconds are the UTC time's, in every zone.
+class EventSecondText {
+  public:
+    const char* For(uint64_t fileTime) {
+        const uint64_t second = fileTime / kFileTimeUnitsPerSecond;
+        if (second != second_) {
+            const SYSTEMTIME time = logonmon::UtcToLocalSystemTime(
+                logonmon::FileTimeToUtcSystemTime(second * kFileTimeUnitsPerSecond));
+            FormatInto(text_, sizeof text_, "%04d-%02d-%02dT%02d:%02d:%02d.", time.wYear,
+                       time.wMonth, time.wDay, time.wHour, time.wMinute, time.wSecond);
+            second_ = second;
+        }
+        return text_;
+    }
+
+  private:
+    uint64_t second_ = UINT64_MAX;
+    char text_[kTimestampSize] = {};
+};
+
 }  // namespace
 
 const char* LevelTag(uint32_t level) {
@@ -46,13 +73,12 @@ const char* LevelTag(uint32_t level) {
 
 int FormatEventPrefix(char* buffer, const logonmon::EventRecordData& record,
                       const wchar_t* function) {
-    char timestamp[kTimestampSize];
     // The event's own time, so that a replayed trace shows the trace's times.
-    FormatTimestamp(
-        logonmon::UtcToLocalSystemTime(logonmon::FileTimeToUtcSystemTime(record.timestamp)),
-        timestamp);
+    thread_local EventSecondText second;
     const wchar_t* source = record.providerName.empty() ? function : record.providerName.c_str();
-    return FormatInto(buffer, kLogLineBufferSize, "%s %ws (%ws) [%04d] [%ws] ", timestamp,
+    return FormatInto(buffer, kLogLineBufferSize, "%s%03d %ws (%ws) [%04d] [%ws] ",
+                      second.For(record.timestamp),
+                      static_cast<int>(record.timestamp / kFileTimeUnitsPerMillisecond % 1000),
                       record.LevelName().c_str(), record.LogPrefix().c_str(),
                       static_cast<int>(record.eventId), source);
 }

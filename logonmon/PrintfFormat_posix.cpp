@@ -1,89 +1,195 @@
-#include "logonmon/PrintfFormat.h"
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
 
-#include "trace/TextForms.h"
+#include "logonmon/PrintfFormat.h"
 
 namespace logonmon {
 
 namespace {
 
+static_assert(sizeof(wchar_t) == 4, "each wide character is one code point here");
+
 // Argument sizes as the Microsoft C runtime reads them: "l" is 32 bits there.
 enum class ArgSize { Default, Char, Short, Int32, Int64, Pointer };
 
+enum Flag : unsigned {
+    kLeft = 1,
+    kPlus = 2,
+    kSpace = 4,
+    kAlternate = 8,
+    kZero = 16,
+};
+
 struct Conversion {
-    std::string flags;
+    unsigned flags = 0;
     int width = -1;
     int precision = -1;
     ArgSize size = ArgSize::Default;
     bool wide = false;  // "w", "l" or the upper-case S and C
 };
 
-void AppendPrintf(std::string& out, const char* directive, ...) {
-    va_list args;
-    va_start(args, directive);
-    va_list measure;
-    va_copy(measure, args);
-    const int length = vsnprintf(nullptr, 0, directive, measure);
-    va_end(measure);
-    if (length > 0) {
-        const size_t offset = out.size();
-        out.resize(offset + static_cast<size_t>(length) + 1);
-        vsnprintf(out.data() + offset, static_cast<size_t>(length) + 1, directive, args);
-        out.resize(offset + static_cast<size_t>(length));
+// The caller's buffer: keeps what fits and counts all that was written, so
+// that text too long for it is measured in the same pass.
+class Output {
+  public:
+    // `buffer` holds `capacity` bytes of text and one more for the null.
+    Output(char* buffer, size_t capacity) : buffer_(buffer), capacity_(capacity) {}
+
+    size_t Length() const { return length_; }
+
+    void Append(const char* text, size_t size) {
+        if (length_ < capacity_) {
+            std::memcpy(buffer_ + length_, text, std::min(size, capacity_ - length_));
+        }
+        length_ += size;
     }
-    va_end(args);
+    void Append(char c) {
+        if (length_ < capacity_) {
+            buffer_[length_] = c;
+        }
+        ++length_;
+    }
+    void Fill(char c, size_t count) {
+        if (length_ < capacity_) {
+            std::memset(buffer_ + length_, c, std::min(count, capacity_ - length_));
+        }
+        length_ += count;
+    }
+
+    // Wide text as UTF-8; characters that cannot be encoded (surrogates,
+    // beyond U+10FFFF) become U+FFFD.
+    void AppendUtf8(const wchar_t* text, size_t length) {
+        for (size_t i = 0; i < length; ++i) {
+            // Runs of ASCII, by far the most of it, go straight in.
+            size_t run = 0;
+            while (i + run < length && static_cast<uint32_t>(text[i + run]) < 0x80) {
+                ++run;
+            }
+            if (run != 0) {
+                if (length_ < capacity_) {
+                    const size_t copied = std::min(run, capacity_ - length_);
+                    for (size_t k = 0; k < copied; ++k) {
+                        buffer_[length_ + k] = static_cast<char>(text[i + k]);
+                    }
+                }
+                length_ += run;
+                i += run;
+                if (i == length) {
+                    break;
+                }
+            }
+            AppendCodePoint(static_cast<char32_t>(text[i]));
+        }
+    }
+
+    // A host printf directive with its argument, written in place.
+    void AppendHost(const char* directive, ...) {
+        va_list args;
+        va_start(args, directive);
+        const bool room = length_ < capacity_;
+        const int written = vsnprintf(room ? buffer_ + length_ : nullptr,
+                                      room ? capacity_ - length_ + 1 : 0, directive, args);
+        va_end(args);
+        if (written > 0) {
+            length_ += static_cast<size_t>(written);
+        }
+    }
+
+  private:
+    void AppendCodePoint(char32_t codePoint) {
+        if ((codePoint >= 0xD800 && codePoint <= 0xDFFF) || codePoint > 0x10FFFF) {
+            codePoint = 0xFFFD;
+        }
+        char bytes[4];
+        size_t count = 0;
+        if (codePoint < 0x800) {
+            bytes[count++] = static_cast<char>(0xC0 | (codePoint >> 6));
+        } else if (codePoint < 0x10000) {
+            bytes[count++] = static_cast<char>(0xE0 | (codePoint >> 12));
+            bytes[count++] = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        } else {
+            bytes[count++] = static_cast<char>(0xF0 | (codePoint >> 18));
+            bytes[count++] = static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F));
+            bytes[count++] = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        }
+        bytes[count++] = static_cast<char>(0x80 | (codePoint & 0x3F));
+        Append(bytes, count);
+    }
+
+    char* buffer_;
+    size_t capacity_;
+    size_t length_ = 0;
+};
+
+size_t Padding(const Conversion& conversion, size_t length) {
+    return conversion.width > 0 && static_cast<size_t>(conversion.width) > length
+               ? static_cast<size_t>(conversion.width) - length
+               : 0;
 }
 
-// "%" with flags, width and precision, ready for a length and a conversion.
-std::string HostDirective(const Conversion& conversion) {
-    std::string directive = "%" + conversion.flags;
+// "%" with flags, width and precision, then `suffix`, for the host printf.
+void HostDirective(const Conversion& conversion, const char* suffix, char (&directive)[48]) {
+    char* at = directive;
+    *at++ = '%';
+    for (const auto& [flag, character] :
+         {std::pair{kLeft, '-'}, std::pair{kPlus, '+'}, std::pair{kSpace, ' '},
+          std::pair{kAlternate, '#'}, std::pair{kZero, '0'}}) {
+        if ((conversion.flags & flag) != 0) {
+            *at++ = character;
+        }
+    }
+    const auto room = [&] { return static_cast<size_t>(directive + sizeof directive - at); };
     if (conversion.width >= 0) {
-        directive += std::to_string(conversion.width);
+        at += std::snprintf(at, room(), "%d", conversion.width);
     }
     if (conversion.precision >= 0) {
-        directive += "." + std::to_string(conversion.precision);
+        at += std::snprintf(at, room(), ".%d", conversion.precision);
     }
-    return directive;
+    std::snprintf(at, room(), "%s", suffix);
 }
 
-size_t CodePoints(const std::string& utf8) {
-    return static_cast<size_t>(std::count_if(utf8.begin(), utf8.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-    }));
+// Integers without "+", " " or "#" are written here; they are nearly all of
+// them, and the host printf costs more than the digits.
+void AppendInteger(Output& out, const Conversion& conversion, bool negative,
+                   unsigned long long magnitude, unsigned base, bool upper) {
+    const char* digitSet = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+    char digits[24];
+    size_t count = 0;
+    if (magnitude != 0 || conversion.precision != 0) {
+        do {
+            digits[count++] = digitSet[magnitude % base];
+            magnitude /= base;
+        } while (magnitude != 0);
+    }
+    const size_t zeros = conversion.precision > static_cast<int>(count)
+                             ? static_cast<size_t>(conversion.precision) - count
+                             : 0;
+    const size_t padding = Padding(conversion, (negative ? 1 : 0) + zeros + count);
+    const bool left = (conversion.flags & kLeft) != 0;
+    const bool zeroPadded = (conversion.flags & kZero) != 0 && !left && conversion.precision < 0;
+    if (!left && !zeroPadded) {
+        out.Fill(' ', padding);
+    }
+    if (negative) {
+        out.Append('-');
+    }
+    out.Fill('0', zeroPadded ? padding + zeros : zeros);
+    while (count > 0) {
+        out.Append(digits[--count]);
+    }
+    if (left) {
+        out.Fill(' ', padding);
+    }
 }
 
-// Width counts characters, not bytes, so that wide text lines up.
-void AppendPadded(std::string& out, const std::string& utf8, const Conversion& conversion) {
-    const size_t length = CodePoints(utf8);
-    const size_t padding =
-        conversion.width > static_cast<int>(length) ? conversion.width - length : 0;
-    const bool leftAligned = conversion.flags.find('-') != std::string::npos;
-    if (!leftAligned) {
-        out.append(padding, ' ');
-    }
-    out += utf8;
-    if (leftAligned) {
-        out.append(padding, ' ');
-    }
+bool WrittenHere(const Conversion& conversion) {
+    return (conversion.flags & (kPlus | kSpace | kAlternate)) == 0;
 }
 
-void AppendWideString(std::string& out, const wchar_t* text, const Conversion& conversion) {
-    if (text == nullptr) {
-        text = L"(null)";
-    }
-    size_t length = wcslen(text);
-    if (conversion.precision >= 0) {
-        length = std::min(length, static_cast<size_t>(conversion.precision));
-    }
-    AppendPadded(out, Utf8FromWide(std::wstring(text, length)), conversion);
-}
-
-void AppendSigned(std::string& out, const Conversion& conversion, char type, va_list& args) {
+void AppendSigned(Output& out, const Conversion& conversion, char type, va_list& args) {
     long long value = 0;
     switch (conversion.size) {
         case ArgSize::Char:
@@ -100,10 +206,18 @@ void AppendSigned(std::string& out, const Conversion& conversion, char type, va_
             value = va_arg(args, int);
             break;
     }
-    AppendPrintf(out, (HostDirective(conversion) + "ll" + type).c_str(), value);
+    if (WrittenHere(conversion)) {
+        const auto magnitude = static_cast<unsigned long long>(value);
+        AppendInteger(out, conversion, value < 0, value < 0 ? 0 - magnitude : magnitude, 10, false);
+        return;
+    }
+    const char suffix[] = {'l', 'l', type, '\0'};
+    char directive[48];
+    HostDirective(conversion, suffix, directive);
+    out.AppendHost(directive, value);
 }
 
-void AppendUnsigned(std::string& out, const Conversion& conversion, char type, va_list& args) {
+void AppendUnsigned(Output& out, const Conversion& conversion, char type, va_list& args) {
     unsigned long long value = 0;
     switch (conversion.size) {
         case ArgSize::Char:
@@ -120,21 +234,79 @@ void AppendUnsigned(std::string& out, const Conversion& conversion, char type, v
             value = va_arg(args, unsigned int);
             break;
     }
-    AppendPrintf(out, (HostDirective(conversion) + "ll" + type).c_str(), value);
+    if (WrittenHere(conversion)) {
+        const unsigned base = type == 'u' ? 10 : type == 'o' ? 8 : 16;
+        AppendInteger(out, conversion, false, value, base, type == 'X');
+        return;
+    }
+    const char suffix[] = {'l', 'l', type, '\0'};
+    char directive[48];
+    HostDirective(conversion, suffix, directive);
+    out.AppendHost(directive, value);
+}
+
+// Width counts characters, not bytes, so that wide text lines up.
+void AppendWide(Output& out, const wchar_t* text, size_t length, const Conversion& conversion) {
+    const size_t padding = Padding(conversion, length);
+    const bool left = (conversion.flags & kLeft) != 0;
+    if (!left) {
+        out.Fill(' ', padding);
+    }
+    out.AppendUtf8(text, length);
+    if (left) {
+        out.Fill(' ', padding);
+    }
+}
+
+void AppendWideString(Output& out, const wchar_t* text, const Conversion& conversion) {
+    if (text == nullptr) {
+        text = L"(null)";
+    }
+    const size_t length = conversion.precision >= 0
+                              ? wcsnlen(text, static_cast<size_t>(conversion.precision))
+                              : wcslen(text);
+    AppendWide(out, text, length, conversion);
+}
+
+void AppendNarrowString(Output& out, const char* text, const Conversion& conversion) {
+    if (text == nullptr) {
+        text = "(null)";
+    }
+    const size_t length = conversion.precision >= 0
+                              ? strnlen(text, static_cast<size_t>(conversion.precision))
+                              : std::strlen(text);
+    const size_t padding = Padding(conversion, length);
+    const bool left = (conversion.flags & kLeft) != 0;
+    if (!left) {
+        out.Fill(' ', padding);
+    }
+    out.Append(text, length);
+    if (left) {
+        out.Fill(' ', padding);
+    }
 }
 
 // Reads flags, width, precision and length of the conversion at `p` (just
 // after the "%"); leaves `p` at the conversion character.
 Conversion ParseConversion(const char*& p, va_list& args) {
     Conversion conversion;
-    while (*p != '\0' && std::strchr("-+ #0", *p) != nullptr) {
-        conversion.flags += *p++;
+    for (;; ++p) {
+        const unsigned flag = *p == '-'   ? kLeft
+                              : *p == '+' ? kPlus
+                              : *p == ' ' ? kSpace
+                              : *p == '#' ? kAlternate
+                              : *p == '0' ? kZero
+                                          : 0;
+        if (flag == 0) {
+            break;
+        }
+        conversion.flags |= flag;
     }
     if (*p == '*') {
         ++p;
         conversion.width = va_arg(args, int);
         if (conversion.width < 0) {
-            conversion.flags += '-';
+            conversion.flags |= kLeft;
             conversion.width = -conversion.width;
         }
     } else {
@@ -154,33 +326,48 @@ Conversion ParseConversion(const char*& p, va_list& args) {
             }
         }
     }
-    if (std::strncmp(p, "I64", 3) == 0) {
-        conversion.size = ArgSize::Int64;
-        p += 3;
-    } else if (std::strncmp(p, "I32", 3) == 0) {
-        conversion.size = ArgSize::Int32;
-        p += 3;
-    } else if (std::strncmp(p, "hh", 2) == 0) {
-        conversion.size = ArgSize::Char;
-        p += 2;
-    } else if (std::strncmp(p, "ll", 2) == 0) {
-        conversion.size = ArgSize::Int64;
-        p += 2;
-    } else if (*p == 'h') {
-        conversion.size = ArgSize::Short;
-        ++p;
-    } else if (*p == 'l') {
-        conversion.size = ArgSize::Int32;
-        conversion.wide = true;
-        ++p;
-    } else if (*p == 'w') {
-        conversion.wide = true;
-        ++p;
-    } else if (*p == 'I' || *p == 'z' || *p == 'j' || *p == 't') {
-        conversion.size = ArgSize::Pointer;
-        ++p;
-    } else if (*p == 'L') {
-        ++p;  // long double is double there
+    switch (*p) {
+        case 'I':
+            if (p[1] == '6' && p[2] == '4') {
+                conversion.size = ArgSize::Int64;
+                p += 3;
+            } else if (p[1] == '3' && p[2] == '2') {
+                conversion.size = ArgSize::Int32;
+                p += 3;
+            } else {
+                conversion.size = ArgSize::Pointer;
+                ++p;
+            }
+            break;
+        case 'h':
+            conversion.size = p[1] == 'h' ? ArgSize::Char : ArgSize::Short;
+            p += p[1] == 'h' ? 2 : 1;
+            break;
+        case 'l':
+            if (p[1] == 'l') {
+                conversion.size = ArgSize::Int64;
+                p += 2;
+            } else {
+                conversion.size = ArgSize::Int32;
+                conversion.wide = true;
+                ++p;
+            }
+            break;
+        case 'w':
+            conversion.wide = true;
+            ++p;
+            break;
+        case 'z':
+        case 'j':
+        case 't':
+            conversion.size = ArgSize::Pointer;
+            ++p;
+            break;
+        case 'L':
+            ++p;  // long double is double there
+            break;
+        default:
+            break;
     }
     if (conversion.size == ArgSize::Short && (*p == 's' || *p == 'c')) {
         conversion.wide = false;
@@ -188,31 +375,33 @@ Conversion ParseConversion(const char*& p, va_list& args) {
     return conversion;
 }
 
-}  // namespace
-
-std::string FormatPrintf(const char* format, va_list args) {
+void Format(Output& out, const char* format, va_list args) {
     va_list ap;
     va_copy(ap, args);
-    std::string out;
     const char* p = format;
     while (*p != '\0') {
         if (*p != '%') {
-            out += *p++;
+            const char* literal = p;
+            while (*p != '\0' && *p != '%') {
+                ++p;
+            }
+            out.Append(literal, static_cast<size_t>(p - literal));
             continue;
         }
         const char* start = p++;
         if (*p == '%') {
-            out += '%';
+            out.Append('%');
             ++p;
             continue;
         }
         Conversion conversion = ParseConversion(p, ap);
         const char type = *p;
         if (type == '\0') {
-            out += start;
+            out.Append(start, std::strlen(start));
             break;
         }
         ++p;
+        char directive[48];
         switch (type) {
             case 'd':
             case 'i':
@@ -231,9 +420,12 @@ std::string FormatPrintf(const char* format, va_list args) {
             case 'g':
             case 'G':
             case 'a':
-            case 'A':
-                AppendPrintf(out, (HostDirective(conversion) + type).c_str(), va_arg(ap, double));
+            case 'A': {
+                const char suffix[] = {type, '\0'};
+                HostDirective(conversion, suffix, directive);
+                out.AppendHost(directive, va_arg(ap, double));
                 break;
+            }
             case 'S':
                 AppendWideString(out, va_arg(ap, const wchar_t*), conversion);
                 break;
@@ -241,46 +433,59 @@ std::string FormatPrintf(const char* format, va_list args) {
                 if (conversion.wide) {
                     AppendWideString(out, va_arg(ap, const wchar_t*), conversion);
                 } else {
-                    const char* text = va_arg(ap, const char*);
-                    AppendPrintf(out, (HostDirective(conversion) + 's').c_str(),
-                                 text != nullptr ? text : "(null)");
+                    AppendNarrowString(out, va_arg(ap, const char*), conversion);
                 }
                 break;
             case 'C':
             case 'c':
                 if (conversion.wide || type == 'C') {
-                    const wchar_t character = static_cast<wchar_t>(va_arg(ap, wint_t));
-                    AppendPadded(out, Utf8FromWide(std::wstring(1, character)), conversion);
+                    const auto character = static_cast<wchar_t>(va_arg(ap, wint_t));
+                    AppendWide(out, &character, 1, conversion);
                 } else {
-                    AppendPrintf(out, (HostDirective(conversion) + 'c').c_str(), va_arg(ap, int));
+                    HostDirective(conversion, "c", directive);
+                    out.AppendHost(directive, va_arg(ap, int));
                 }
                 break;
             case 'p':
-                AppendPrintf(out, "%016llX",
-                             static_cast<unsigned long long>(
-                                 reinterpret_cast<uintptr_t>(va_arg(ap, void*))));
+                out.AppendHost("%016llX", static_cast<unsigned long long>(
+                                              reinterpret_cast<uintptr_t>(va_arg(ap, void*))));
                 break;
             case 'n':
                 va_arg(ap, void*);  // never written through
                 break;
             default:
-                out.append(start, p);
+                out.Append(start, static_cast<size_t>(p - start));
                 break;
         }
     }
     va_end(ap);
-    return out;
+}
+
+}  // namespace
+
+std::string FormatPrintf(const char* format, va_list args) {
+    // Most texts fit on the stack; a longer one is formatted again once its
+    // length is known.
+    char stack[512];
+    Output out(stack, sizeof stack - 1);
+    Format(out, format, args);
+    if (out.Length() < sizeof stack) {
+        return std::string(stack, out.Length());
+    }
+    std::string text(out.Length(), '\0');
+    Output whole(text.data(), text.size());
+    Format(whole, format, args);
+    return text;
 }
 
 int FormatPrintfToBuffer(char* buffer, size_t size, const char* format, va_list args) {
     if (size == 0) {
         return -1;
     }
-    const std::string text = FormatPrintf(format, args);
-    const size_t copied = std::min(text.size(), size - 1);
-    std::memcpy(buffer, text.data(), copied);
-    buffer[copied] = '\0';
-    return text.size() < size ? static_cast<int>(text.size()) : -1;
+    Output out(buffer, size - 1);
+    Format(out, format, args);
+    buffer[std::min(out.Length(), size - 1)] = '\0';
+    return out.Length() < size ? static_cast<int>(out.Length()) : -1;
 }
 
 }  // namespace logonmon

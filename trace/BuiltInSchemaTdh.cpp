@@ -3,10 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
-#include <array>
 #include <string>
-#include <string_view>
-#include <tuple>
 
 namespace logonmon {
 
@@ -20,16 +17,6 @@ constexpr uint32_t kPropertyParamFixedLength = 0x10;
 constexpr size_t kSidFixedPart = 8;  // revision, count, authority
 constexpr size_t kSidSubAuthoritySize = 4;
 constexpr size_t kSidSubAuthorityCountOffset = 1;
-
-auto Key(const GUID& provider, uint16_t eventId, uint8_t version) {
-    uint8_t bytes[sizeof(GUID)];
-    std::memcpy(bytes, &provider, sizeof bytes);
-    return std::make_tuple(std::to_array(bytes), eventId, version);
-}
-
-auto KeyOf(const BuiltInEventSchema& schema) {
-    return Key(schema.provider, schema.eventId, schema.version);
-}
 
 size_t TextUnits(const char16_t* text) {
     return std::char_traits<char16_t>::length(text);
@@ -134,22 +121,55 @@ const char16_t* DescriptorName(const PROPERTY_DATA_DESCRIPTOR& descriptor) {
 
 }  // namespace
 
+namespace {
+
+template <typename Key>
+Key MakeKey(const GUID& provider, uint16_t eventId, uint8_t version) {
+    Key key{};
+    std::memcpy(key.provider, &provider, sizeof key.provider);
+    key.eventId = eventId;
+    key.version = version;
+    return key;
+}
+
+template <typename Key>
+int Compare(const Key& left, const Key& right) {
+    if (const int provider = std::memcmp(left.provider, right.provider, sizeof left.provider);
+        provider != 0) {
+        return provider;
+    }
+    if (left.eventId != right.eventId) {
+        return left.eventId < right.eventId ? -1 : 1;
+    }
+    return left.version == right.version ? 0 : left.version < right.version ? -1 : 1;
+}
+
+}  // namespace
+
 BuiltInSchemaTdh::BuiltInSchemaTdh(TdhApi& fallback) : fallback_(fallback) {
     for (const BuiltInEventSchema& schema : BuiltInEventSchemas()) {
-        entries_.push_back(Entry{&schema, SerializeSchema(schema)});
+        Entry entry{MakeKey<Key>(schema.provider, schema.eventId, schema.version),
+                    &schema,
+                    SerializeSchema(schema),
+                    {}};
+        for (uint16_t i = 0; i < schema.propertyCount; ++i) {
+            entry.nameLengths.push_back(TextUnits(schema.properties[i].name));
+        }
+        entries_.push_back(std::move(entry));
     }
     std::sort(entries_.begin(), entries_.end(), [](const Entry& left, const Entry& right) {
-        return KeyOf(*left.schema) < KeyOf(*right.schema);
+        return Compare(left.key, right.key) < 0;
     });
 }
 
 const BuiltInSchemaTdh::Entry* BuiltInSchemaTdh::Find(const EVENT_RECORD& event) const {
     const EVENT_DESCRIPTOR& descriptor = event.EventHeader.EventDescriptor;
-    const auto wanted = Key(event.EventHeader.ProviderId, descriptor.Id, descriptor.Version);
+    const Key wanted =
+        MakeKey<Key>(event.EventHeader.ProviderId, descriptor.Id, descriptor.Version);
     const auto found = std::lower_bound(
         entries_.begin(), entries_.end(), wanted,
-        [](const Entry& entry, const auto& key) { return KeyOf(*entry.schema) < key; });
-    return found != entries_.end() && KeyOf(*found->schema) == wanted ? &*found : nullptr;
+        [](const Entry& entry, const Key& key) { return Compare(entry.key, key) < 0; });
+    return found != entries_.end() && Compare(found->key, wanted) == 0 ? &*found : nullptr;
 }
 
 bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,
@@ -158,7 +178,7 @@ bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,
     if (name == nullptr) {
         return false;
     }
-    const std::u16string_view wanted(name);
+    const size_t wantedLength = TextUnits(name);
     const auto* data = static_cast<const uint8_t*>(event.UserData);
     const size_t total = data != nullptr ? event.UserDataLength : 0;
     const bool pointer32 = (event.EventHeader.Flags & kHeaderFlag32BitHeader) != 0;
@@ -168,7 +188,8 @@ bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,
         const size_t available = total - offset;
         const size_t size =
             std::min(PropertySize(property, data + offset, available, pointer32), available);
-        if (wanted == property.name) {
+        if (entry.nameLengths[i] == wantedLength && property.name[0] == name[0] &&
+            std::memcmp(property.name, name, wantedLength * sizeof(char16_t)) == 0) {
             *span = Span{offset, size};
             return true;
         }

@@ -28,9 +28,18 @@ class BuiltInSchemaTdh final : public TdhApi {
                          uint32_t bufferSize, uint8_t* buffer) override;
 
   private:
+    // Provider, event id and version, compared as bytes.
+    struct Key {
+        uint8_t provider[sizeof(GUID)];
+        uint16_t eventId;
+        uint8_t version;
+    };
     struct Entry {
+        Key key;
         const BuiltInEventSchema* schema;
         std::vector<uint8_t> info;  // TRACE_EVENT_INFO as TDH would return it
+        // Of each property's name, in UTF-16 units.
+        std::vector<size_t> nameLengths;
     };
     struct Span {
         size_t offset;
@@ -44,7 +53,7 @@ class BuiltInSchemaTdh final : public TdhApi {
                        const PROPERTY_DATA_DESCRIPTOR& descriptor, Span* span);
 
     TdhApi& fallback_;
-    std::vector<Entry> entries_;  // in the table's order
+    std::vector<Entry> entries_;  // by key
 };
 
 // The built-in schemas over the platform's fallback, for the whole process.

@@ -1,11 +1,11 @@
 #include "trace/EtlReader.h"
 
 #include <algorithm>
-#include <fstream>
 #include <cstdio>
 #include <vector>
 
 #include "trace/EtlLayout.h"
+#include "trace/MappedFile.h"
 
 using namespace logonmon::etl;
 
@@ -52,13 +52,15 @@ class Clock {
     int64_t startTime_ = 0;
 };
 
+// Kept small: a trace holds millions.
 struct IndexedRecord {
     int64_t timestamp;  // already converted
     size_t offset;
-    uint32_t size;
     uint32_t bufferContext;
+    uint16_t size;  // EVENT_HEADER.Size is 16 bits
     uint16_t itemCount;
 };
+static_assert(sizeof(IndexedRecord) <= 24);
 
 class EtlParser {
   public:
@@ -70,6 +72,10 @@ class EtlParser {
         if (!error.empty()) {
             return error;
         }
+        // Records rarely take less than this with their extended data; one
+        // allocation then holds the whole index.
+        constexpr size_t kTypicalRecordSize = 128;
+        records_.reserve(size_ / kTypicalRecordSize);
         const size_t buffersInFile = (size_ + bufferSize_ - 1) / bufferSize_;
         const size_t buffersToRead =
             buffersWritten_ != 0 ? std::min<size_t>(buffersWritten_, buffersInFile) : buffersInFile;
@@ -124,10 +130,13 @@ class EtlParser {
 
     std::string ReadLogFileHeader() {
         constexpr size_t kRecord = kBufferHeaderSize;
-        if (size_ < kRecord + kSystemHeaderSize + kLogTail32.size) {
+        const auto tooShort = [this] {
             return AtOffset(
                 "a file of " + std::to_string(size_) + " bytes is too short for a log-file header",
                 0);
+        };
+        if (size_ < kRecord + kSystemHeaderSize + kLogTail32.size) {
+            return tooShort();
         }
         bufferSize_ = Load<uint32_t>(data_ + kBufferSizeOffset);
         if (bufferSize_ < kRecord + kSystemHeaderSize + kLogTail64.size ||
@@ -142,6 +151,9 @@ class EtlParser {
             return AtOffset("the first record is not a log-file header", kRecord);
         }
         const LogFileHeaderTail& tail = type == kSystem64 ? kLogTail64 : kLogTail32;
+        if (size_ < kRecord + kSystemHeaderSize + tail.size) {
+            return tooShort();
+        }
         if (Load<uint16_t>(record + kSystemSizeOffset) < kSystemHeaderSize + tail.size) {
             return AtOffset("the log-file header is cut short", kRecord);
         }
@@ -255,8 +267,8 @@ class EtlParser {
             }
         }
         const int64_t raw = Load<int64_t>(record + offsetof(EVENT_HEADER, TimeStamp));
-        records_.push_back(IndexedRecord{clock_.ToFileTime(raw), at, static_cast<uint32_t>(size),
-                                         context, itemCount});
+        records_.push_back(IndexedRecord{clock_.ToFileTime(raw), at, context,
+                                         static_cast<uint16_t>(size), itemCount});
         return {};
     }
 
@@ -282,16 +294,9 @@ EtlReadResult ReadEtlBytes(const uint8_t* data, size_t size,
 
 EtlReadResult ReadEtlFile(const std::string& path,
                           const std::function<void(const EVENT_RECORD&)>& onEvent) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        return EtlReadResult{0, false, "cannot open " + path};
+    const MappedFile file(path);
+    if (!file.error().empty()) {
+        return EtlReadResult{0, false, file.error()};
     }
-    file.seekg(0, std::ios::end);
-    const std::streamoff size = file.tellg();
-    file.seekg(0, std::ios::beg);
-    std::vector<uint8_t> bytes(size > 0 ? static_cast<size_t>(size) : 0);
-    if (size < 0 || !file.read(reinterpret_cast<char*>(bytes.data()), size)) {
-        return EtlReadResult{0, false, "cannot read " + path};
-    }
-    return ReadEtlBytes(bytes.data(), bytes.size(), onEvent);
+    return ReadEtlBytes(file.data(), file.size(), onEvent);
 }

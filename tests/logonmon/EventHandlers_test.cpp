@@ -7,247 +7,139 @@
 namespace plmx::testing {
 namespace {
 
-using logonmon::SESSION_CONFIG;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Durations = std::map<std::wstring, logonmon::NamedDuration>;
 
 using EventHandlersTest = ProcessorFixture;
 
-TestEvent Event(const wchar_t* provider, uint16_t id, std::optional<uint32_t> session,
-                std::vector<PropertyDefinition> properties = {}) {
-    TestEvent event;
-    event.provider = provider;
-    event.id = id;
-    event.session = session;
-    event.time = kMorning + 10 * kSecond;
-    event.properties = std::move(properties);
-    return event;
-}
-
-TestEvent ProfileService(uint16_t id, std::vector<PropertyDefinition> properties,
-                         const std::wstring& sid = kAliceSid) {
-    TestEvent event = Event(kUserProfilesGuid, id, 0, std::move(properties));
-    event.sid = sid;
-    return event;
-}
-
-TestEvent Agent(uint16_t id, std::vector<uint8_t> payload) {
-    TestEvent event = Event(kRemoteAgentGuid, id, 2);
-    event.payload = std::move(payload);
-    return event;
-}
-
-constexpr uint64_t kAttachTime = kMorning + 10 * kSecond;
-
-TEST_F(EventHandlersTest, ProfileServiceAndSessionManagerFillTheRecord) {
-    auto& processor = Processor();
-    processor.Feed(CreateSession(2, kAliceSid, kMorning));
-    const std::vector<TestEvent> events = {
-        ProfileService(6, {StringProperty(L"Source", L"\\\\fs\\p\\alice"),
-                           StringProperty(L"Target", L"C:\\Users\\alice")}),
-        ProfileService(7, {}),
-        ProfileService(67, {StringProperty(L"LocalPath", L"")}),
-        ProfileService(67, {StringProperty(L"LocalPath", L"C:\\Users\\alice")}),
-        ProfileService(67, {StringProperty(L"LocalPath", L"C:\\Users\\temp")}),
-        // The file names are matched in their exact case.
-        ProfileService(5, {StringProperty(L"File", L"C:\\Users\\alice\\NTUSER.DAT")}),
-        ProfileService(5, {StringProperty(L"File", L"C:\\Users\\alice\\ntuser.dat")}),
-        ProfileService(5, {StringProperty(L"File", L"C:\\Users\\alice\\UsrClass.dat")}),
-        ProfileService(5, {StringProperty(L"File", L"C:\\Users\\alice\\USRCLASS.DAT")}),
-        Event(kSessionManagerGuid, 21, 0,
-              {StringProperty(L"User", L"CORP\\alice"), StringProperty(L"SessionID", L"2"),
-               StringProperty(L"Address", L"10.1.2.3")}),
-    };
-    for (size_t i = 0; i < events.size(); ++i) {
-        TestEvent event = events[i];
-        event.time += i;
-        processor.Feed(event);
-    }
-
-    const auto session = processor.Session(2);
-    EXPECT_EQ(session->profileSyncSource, L"\\\\fs\\p\\alice");
-    EXPECT_EQ(session->profileSyncTarget, L"C:\\Users\\alice");
-    EXPECT_EQ(session->localProfilePath, L"C:\\Users\\alice");
-    EXPECT_EQ(session->clientUser, L"CORP\\alice");
-    EXPECT_EQ(session->clientAddress, L"10.1.2.3");
-    const uint64_t t = kMorning + 10 * kSecond;
-    EXPECT_EQ(session->timingPoints,
-              (logonmon::TimingPoints{{L"PROFILE_CLASSES_HIVE_LOADED", t + 7},
-                                      {L"PROFILE_HIVE_LOADED", t + 6},
-                                      {L"PROFILE_SYNC_START", t},
-                                      {L"PROFILE_SYNC_STOP", t + 1},
-                                      {L"WL_NotifyExecute_CreateSession_Start", kMorning}}));
-    EXPECT_EQ(processor.lines.size(), 1u);
-}
-
-// A profile event reaches its handler without a session only when it was held
-// back for a session that the event replayed before it timed out.
-std::vector<TestEvent> HeldBackPastTimeout(TestEvent event) {
-    auto onThread77 = [](TestEvent e, const wchar_t* sid, uint64_t time) {
-        e.thread = 77;
-        e.sid = sid;
-        e.time = time;
-        return e;
-    };
-    const TestEvent unrouted = ProfileService(1000, {});
-    const uint64_t late = kMorning + 300 * kSecond;
-    return {onThread77(unrouted, kSystemSid, late), onThread77(event, kBobSid, late + 1),
-            onThread77(unrouted, kAliceSid, late + 2)};
-}
-
-TEST_F(EventHandlersTest, EventsWithoutTheirSessionOnlySaySo) {
-    const std::string bySid = "Session Context Not Found. SID: " + logonmon::Utf8FromWide(kBobSid);
-    TestEvent anonymous = ShellInitialized(7, kMorning + kSecond);
-    anonymous.session.reset();
-    struct Case {
-        std::vector<TestEvent> events;
-        std::string text;
-        const wchar_t* function;
-    };
-    const Case cases[] = {
-        {{ShellInitialized(7, kMorning + kSecond)},
-         "Session Context Not Found. sessionId=7",
-         L"Explorer_Initialized"},
-        {{anonymous}, "Session Context Not Found. sessionId=-1", L"Explorer_Initialized"},
-        {{SubscriberEvent(812, 2, kLogin, L"Profiles", 9, kMorning)},
-         "Session Context Not Found. sessionId=9",
-         L"Profiles_Finished"},
-        {{Event(kSessionManagerGuid, 21, 0, {StringProperty(L"SessionID", L"6")})},
-         "Session Context Not Found. sessionId=6",
-         L"TS_LSM_Logon"},
-        // The attach event's payload names the session, not its header.
-        {{Attach(L"DESKTOP", kAttachTime, 132, 5)},
-         "Session Context Not Found. sessionId=5",
-         L"Tessera_SessionAttached"},
-        {HeldBackPastTimeout(ProfileService(6, {})), bySid, L"Profiles_SyncStarted"},
-        {HeldBackPastTimeout(ProfileService(7, {})), bySid, L"Profiles_SyncFinished"},
-        {HeldBackPastTimeout(ProfileService(67, {})), bySid, L"Profiles_LoadedInfo"},
-    };
-    for (const Case& c : cases) {
-        auto& processor = Processor(SESSION_CONFIG{120000, false, false, false});
-        StartLogon(processor, 2, kAliceSid, kMorning);
-        const auto before = processor.Session(2)->timingPoints;
-        for (const TestEvent& event : c.events) {
-            processor.Feed(event);
-        }
-        const auto lines = processor.LinesWith(c.text);
-        ASSERT_EQ(lines.size(), 1u) << c.text;
-        EXPECT_EQ(lines[0].level, 2u);
-        EXPECT_EQ(lines[0].function, std::wstring(L"logonmon::LogonProcessor::") + c.function);
-        const auto session = processor.Session(2);
-        EXPECT_EQ(session ? session->timingPoints : processor.endedSessions.at(0).timingPoints,
-                  before);
-    }
-}
-
-TEST_F(EventHandlersTest, GroupPolicyCountsExtensionsAndSumsTheirTimes) {
-    auto& processor = Processor();
-    processor.Feed(CreateSession(2, kAliceSid, kMorning));
-    auto started = [](const wchar_t* async, const wchar_t* changed) {
-        return Event(kGroupPolicyGuid, 4016, 2,
-                     {StringProperty(L"CSEExtensionName", L"Registry"),
-                      StringProperty(L"IsExtensionAsyncProcessing", async),
-                      StringProperty(L"IsGPOListChanged", changed)});
-    };
-    auto finished = [](const wchar_t* name, const wchar_t* ms, uint32_t error) {
-        return Event(kGroupPolicyGuid, 5016, 2,
-                     {StringProperty(L"CSEExtensionName", name),
-                      StringProperty(L"CSEElaspedTimeInMilliSeconds", ms),
-                      UInt32Property(L"ErrorCode", error)});
-    };
-    for (const TestEvent& event :
-         {started(L"1", L"0"), started(L"-1", L"True"), started(L"false", L"true"),
-          started(L"", L"00"), finished(L"Registry", L"1200", 0), finished(L"Registry", L"34", 0),
-          finished(L"Scripts", L"250", 0x80070005), finished(L"Scripts", L"n/a", 0),
-          finished(L"Drive Maps", L"-1", 0),
-          Event(kGroupPolicyGuid, 8001, 2,
-                {StringProperty(L"PolicyElaspedTimeInSeconds", L"7")})}) {
-        processor.Feed(event);
-    }
-
-    const auto session = processor.Session(2);
-    EXPECT_EQ(session->asyncPolicies, 2);
-    EXPECT_EQ(session->syncPolicies, 2);
-    EXPECT_EQ(session->changedPolicies, 2);
-    EXPECT_EQ(session->failedPolicies, 1);
-    EXPECT_EQ(session->cseDurations,
-              (std::map<std::wstring, uint32_t>{
-                  {L"Drive Maps", 0}, {L"Registry", 1234}, {L"Scripts", 250}}));
-    EXPECT_EQ(session->namedDurations, (Durations{{L"User Policy Time", 7}}));
-}
-
-TEST_F(EventHandlersTest, MachinePolicyTimeGoesToEveryOpenSession) {
-    auto machine = [](const wchar_t* seconds) {
-        return Event(kGroupPolicyGuid, 8004, std::nullopt,
-                     {StringProperty(L"PolicyElaspedTimeInSeconds", seconds)});
-    };
-    auto& processor = Processor();
-    processor.Feed(machine(L"3"));
-    EXPECT_THAT(processor.lines, IsEmpty());
-
-    processor.Feed(CreateSession(2, kAliceSid, kMorning));
-    processor.Feed(CreateSession(3, kBobSid, kMorning));
-    processor.Feed(machine(L"3"));
-    processor.Feed(machine(L"x"));
-    const auto sessions = processor.Sessions();
-    ASSERT_EQ(sessions.size(), 2u);
-    for (const auto& session : sessions) {
-        EXPECT_EQ(session.namedDurations, (Durations{{L"Machine Policy Time", 3}}));
-    }
-}
-
-TEST_F(EventHandlersTest, AgentAttachMarksApplicationSessions) {
-    struct Case {
-        TestEvent event;
+TEST_F(EventHandlersTest, AgentPayloadsOfTheWrongLengthAreSaidSo) {
+    const std::string attached = "4 Tessera_SessionAttached: Tessera Session Attached";
+    const std::string badAttach =
+        "2 Tessera_SessionAttached: Tessera_SessionAttached event bad payload length";
+    const struct {
+        size_t size;
         bool application;
-        bool badLength;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {132, true, {attached}},
+        {131, false, {attached, badAttach}},
+        {133, false, {attached, badAttach}},
+        {3, false, {attached, badAttach}},
     };
-    const Case cases[] = {
-        {Attach(L"Application", kAttachTime), true, false},
-        {Attach(L"DESKTOP", kAttachTime), false, false},
-        {Attach(L"APPLICATION", kAttachTime, 131), false, true},
-        {Attach(L"APPLICATION", kAttachTime, 133), false, true},
-        {Agent(11, {2, 0, 0}), false, true},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         auto& processor = Processor();
         processor.Feed(CreateSession(2, kAliceSid, kMorning));
-        processor.Feed(c.event);
-
-        const auto session = processor.Session(2);
-        EXPECT_EQ(session->timingPoints.at(L"TX_ATTACHED"), kAttachTime);
-        EXPECT_EQ(session->applicationSession, c.application) << c.event.payload->size();
-        std::vector<std::string> expected = {"Session Initialized Successfully: sessionId=2",
-                                             "Tessera Session Attached"};
-        if (c.badLength) {
-            expected.push_back("Tessera_SessionAttached event bad payload length");
-        }
-        EXPECT_EQ(processor.Texts(), expected) << c.event.payload->size();
+        processor.lines.clear();
+        processor.Feed(AgentEvent(11, c.size, 2, kMorning, {{4, L"APPLICATION"}}));
+        EXPECT_EQ(processor.Sessions().at(0).applicationSession, c.application) << c.size;
+        EXPECT_EQ(processor.Logged(), c.lines) << c.size;
     }
 }
 
 TEST_F(EventHandlersTest, AgentGenericEventReadsEachTextWithinItsField) {
     auto generic = [](const std::wstring& product, size_t size = 3092) {
-        return Agent(16,
-                     AgentPayload(size, 2, {{20, product}, {1044, L"Agent"}, {2068, L"Logon"}}));
+        return AgentEvent(16, size, 2, kMorning,
+                          {{20, product}, {1044, L"Agent"}, {2068, L"Logon"}});
     };
     auto& processor = Processor();
-    processor.Feed(generic(L"Broker"));
-    // Not terminated inside its field: ends there, not in the next field.
-    processor.Feed(generic(std::wstring(513, L'P')));
-    processor.Feed(generic(L"Broker", 3091));
-    processor.Feed(generic(L"Broker", 3093));
+    processor.Feed({generic(L"Broker"),
+                    // Not terminated inside its field: ends there, not in the next field.
+                    generic(std::wstring(513, L'P')), generic(L"Broker", 3091),
+                    generic(L"Broker", 3093)});
 
-    EXPECT_THAT(processor.Texts(),
-                ElementsAre("Tessera Event: Product: Broker, Component: Agent, Event: Logon",
-                            "Tessera Event: Product: " + std::string(512, 'P') +
-                                ", Component: Agent, Event: Logon",
-                            "Tessera PLMX generic event has a bad payload length",
-                            "Tessera PLMX generic event has a bad payload length"));
-    EXPECT_EQ(processor.lines[0].level, 4u);
-    EXPECT_EQ(processor.lines[0].function, L"logonmon::LogonProcessor::Tessera_PLMXGeneric");
-    EXPECT_EQ(processor.lines[2].level, 2u);
+    const std::string bad =
+        "2 Tessera_PLMXGeneric: Tessera PLMX generic event has a bad payload "
+        "length";
+    EXPECT_THAT(processor.Logged(),
+                ElementsAre("4 Tessera_PLMXGeneric: Tessera Event: Product: Broker, Component: "
+                            "Agent, Event: Logon",
+                            "4 Tessera_PLMXGeneric: Tessera Event: Product: " +
+                                std::string(512, 'P') + ", Component: Agent, Event: Logon",
+                            bad, bad));
+}
+
+constexpr wchar_t kScriptHost[] = L"\\Device\\HarddiskVolume3\\Windows\\System32\\gpscript.exe";
+constexpr wchar_t kPowerShell[] =
+    L"\\Device\\HarddiskVolume3\\Windows\\System32\\WindowsPowerShell\\v1.0\\powershell.exe";
+
+TestEvent Process(uint16_t id, uint32_t session, uint32_t processId,
+                  std::vector<PropertyDefinition> properties) {
+    TestEvent event;
+    event.provider = kKernelProcessGuid;
+    event.id = id;
+    event.session = session;
+    event.time = kMorning + 30 * kSecond;
+    event.properties = std::move(properties);
+    event.properties.push_back(UInt32Property(L"ProcessID", processId));
+    return event;
+}
+
+TestEvent Started(uint32_t session, uint32_t processId, uint32_t parentId,
+                  const std::wstring& image) {
+    return Process(
+        1, session, processId,
+        {UInt32Property(L"ParentProcessID", parentId), StringProperty(L"ImageName", image)});
+}
+
+// Times are seconds and milliseconds of 08:00 that morning.
+TestEvent Exited(uint32_t session, uint32_t processId, const std::wstring& created,
+                 const std::wstring& exited) {
+    return Process(2, session, processId,
+                   {StringProperty(L"ImageName", L"gpscript.exe"),
+                    StringProperty(L"CreateTime", L"2024-03-01T08:00:" + created),
+                    StringProperty(L"ExitTime", exited)});
+}
+
+std::wstring Exit(const std::wstring& secondsAndMilliseconds) {
+    return L"2024-03-01T08:00:" + secondsAndMilliseconds;
+}
+
+uint64_t At(uint32_t second, uint32_t millisecond = 0) {
+    return kMorning + second * kSecond + millisecond * 10'000ull;
+}
+
+// Hosts 100 and 400 run scripts, host 200 a PowerShell script; 800 onwards
+// exit at times that cannot be read. Not timed: a host started before its
+// session existed (900), one of a session nobody follows (700), and whatever
+// is no tracked host (500, 600).
+TEST_F(EventHandlersTest, ScriptHostsAddTheirRunTimes) {
+    auto& processor = Processor();
+    processor.Feed({Started(2, 900, 50, kScriptHost), Started(7, 700, 50, kScriptHost),
+                    CreateSession(2, kAliceSid, kMorning), Started(2, 100, 50, kScriptHost),
+                    Started(2, 200, 50, kScriptHost), Started(2, 300, 200, kPowerShell),
+                    Started(2, 600, 999, kPowerShell), Started(2, 500, 50, L"notepad.exe"),
+                    Started(2, 400, 50, L"GPSCRIPT.EXE")});
+    const std::wstring unreadable[] = {Exit(L"12:500z"),
+                                       Exit(L"12:50Z"),
+                                       Exit(L"12:5000Z"),
+                                       Exit(L"1a:500Z"),
+                                       L"2024-13-01T08:00:12:500Z",
+                                       L"2024-02-30T08:00:12:500Z",
+                                       L"2024-03-01 08:00:12:500Z",
+                                       L""};
+    for (uint32_t i = 0; i < std::size(unreadable); ++i) {
+        processor.Feed(
+            {Started(2, 800 + i, 50, kScriptHost), Exited(2, 800 + i, L"10:000Z", unreadable[i])});
+    }
+    for (const uint32_t untimed : {900, 700, 500, 600, 801}) {
+        processor.Feed(Exited(untimed == 700 ? 7 : 2, untimed, L"01:000Z", Exit(L"30:000Z")));
+    }
+    processor.Feed({Exited(2, 100, L"10:000Z", Exit(L"12:500Z")),
+                    Exited(2, 200, L"11:000Z", Exit(L"15:250Z")),
+                    Exited(2, 400, L"05:000Z", Exit(L"09:000Z"))});
+
+    const auto session = processor.Sessions().at(0);
+    EXPECT_EQ(session.namedDurations,
+              (Durations{{L"Group Policy Logon Script Time", 6.5f},
+                         {L"Group Policy PS Logon Script Time", 4.25f},
+                         {L"Total Group Policy Logon Script Time", 10.75f}}));
+    const auto& points = session.timingPoints;
+    EXPECT_EQ(points.at(L"GP_LOGON_SCRIPT_START"), At(5));
+    EXPECT_EQ(points.at(L"GP_LOGON_SCRIPT_STOP"), At(12, 500));
+    EXPECT_EQ(points.at(L"GP_PS_LOGON_SCRIPT_START"), At(11));
+    EXPECT_EQ(points.at(L"GP_PS_LOGON_SCRIPT_STOP"), At(15, 250));
+    EXPECT_THAT(session.scriptHosts, IsEmpty());
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <future>
 #include <stdexcept>
+#include <tuple>
 
 #include "logonmon/CurrentRecord.h"
 #include "tests/logonmon/ProcessorHarness.h"
@@ -12,261 +13,230 @@ namespace plmx::testing {
 namespace {
 
 using logonmon::SESSION_CONFIG;
-using logonmon::TimingPoints;
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
-
-constexpr wchar_t kLoginFn[] = L"logonmon::LogonProcessor::Winlogon_Login_Started";
-constexpr wchar_t kStateFn[] = L"logonmon::LogonProcessor::ProcessSessionState";
-constexpr SESSION_CONFIG kLogEvents{0, false, false, true};
+using Lines = std::vector<std::string>;
 
 std::string Narrow(const std::wstring& text) {
     return logonmon::Utf8FromWide(text);
 }
 
-TestEvent Without(TestEvent event, bool sid, bool session) {
-    if (sid) {
-        event.sid.reset();
-    }
-    if (session) {
-        event.session.reset();
-    }
-    return event;
+std::string Stamp(uint64_t time) {
+    return Narrow(logonmon::TimestampText(time, true));
 }
 
-TestEvent WithSessionProperty(TestEvent event) {
-    event.properties.push_back(StringProperty(L"SessionID", L"5"));
-    return event;
+// CreateSession, Login and the shell's start, as Winlogon reports them.
+std::vector<TestEvent> Logon(uint32_t session, const std::wstring& sid, uint64_t start) {
+    return {CreateSession(session, sid, start), Login(session, sid, start + kSecond),
+            NotifyStart(kStartShell, session, start + 20 * kSecond),
+            NotifyStop(kStartShell, session, start + 21 * kSecond)};
 }
 
-// What LogEventAsString wrote for events whose message starts with `prefix`,
-// with the session each was handled for.
-using Handling = std::pair<std::string, int64_t>;
-std::vector<Handling> Handled(const RecordingProcessor& processor, const std::string& prefix) {
-    std::vector<Handling> handled;
-    for (const ProcessorLogLine& line : processor.lines) {
-        if (line.function == L"logonmon::LogonProcessor::LogEventAsString" &&
-            line.text.rfind(prefix, 0) == 0) {
-            handled.emplace_back(line.text, line.session);
-        }
-    }
-    return handled;
-}
-
-TestEvent Tagged(const wchar_t* provider, const std::wstring& message, uint64_t time) {
+// An event that only logEveryEvent reports, as "<message> @<session>".
+TestEvent Tagged(const wchar_t* provider, const std::wstring& message, uint64_t time,
+                 std::optional<uint32_t> session = 0) {
     TestEvent event;
     event.provider = provider;
     event.id = 1000;
-    event.session = 0;
+    event.session = session;
     event.time = time;
     event.message = message;
     return event;
 }
 
-TestEvent ProfileEvent(const std::wstring& text, uint32_t thread, const std::wstring& sid,
-                       uint64_t time) {
-    TestEvent event = Tagged(kUserProfilesGuid, L"profile " + text, time);
-    event.sid = sid;
-    event.thread = thread;
-    return event;
+Lines Handled(const RecordingProcessor& processor) {
+    Lines handled;
+    for (const ProcessorLogLine& line : processor.lines) {
+        if (line.function == L"logonmon::LogonProcessor::LogEventAsString" && !line.text.empty()) {
+            handled.push_back(line.text + " @" + std::to_string(line.session));
+        }
+    }
+    return handled;
+}
+
+Lines LinesFrom(const RecordingProcessor& processor, size_t first) {
+    const Lines logged = processor.Logged();
+    return Lines(logged.begin() + static_cast<std::ptrdiff_t>(first), logged.end());
 }
 
 using LogonProcessorTest = ProcessorFixture;
 
-TEST_F(LogonProcessorTest, FollowsALogonFromCreateSessionToShellInitialized) {
-    accounts_.accounts[kAliceSid] = {L"CORP", L"alice"};
-    auto& processor = Processor();
-    processor.Feed(CreateSession(2, kAliceSid, kMorning));
-    processor.Feed(Login(2, kAliceSid, kMorning + kSecond));
-    processor.Feed(SubscriberEvent(811, 1, kLogin, L"Profiles", 2, kMorning + 2 * kSecond));
-    processor.Feed(SubscriberEvent(812, 2, kLogin, L"Profiles", 2, kMorning + 5 * kSecond));
-    // A subscriber event without its name, an opcode known only by name, the
-    // user initialisation, and a notification event without "Event".
-    TestEvent unnamed = SubscriberEvent(811, 1, kLogin, L"", 2, kMorning + 6 * kSecond);
-    unnamed.properties.pop_back();
-    processor.Feed(unnamed);
-    TestEvent info = SubscriberEvent(811, 0, kLogin, L"Sens", 2, kMorning + 7 * kSecond);
-    info.opcodeName = L" Info ";
-    processor.Feed(info);
-    TestEvent userinit = Tagged(kWinlogonGuid, L"", kMorning + 8 * kSecond);
-    userinit.id = 10;
-    userinit.session = 2;
-    processor.Feed(userinit);
-    TestEvent noNotification = NotifyStart(kLogin, 2, kMorning + 9 * kSecond);
-    noNotification.properties.clear();
-    processor.Feed(noNotification);
-    processor.Feed(NotifyStart(kStartShell, 2, kMorning + 10 * kSecond));
-    processor.Feed(NotifyStop(kStartShell, 2, kMorning + 11 * kSecond));
-    ASSERT_THAT(processor.endedSessions, IsEmpty());
-    processor.Feed(ShellInitialized(2, kMorning + 15 * kSecond));
-
-    EXPECT_THAT(processor.Texts(), ElementsAre("Session Initialized Successfully: sessionId=2",
-                                               "Received User Logon Event",
-                                               "SID: " + Narrow(kAliceSid) + ". sessionId=2",
-                                               "LOGON: User: CORP\\alice", "Shell Initialized"));
-    const auto& lines = processor.lines;
-    EXPECT_EQ(lines[0].function, L"logonmon::LogonProcessor::Winlogon_CreateSession");
-    EXPECT_EQ(lines[0].level, 5u);
-    EXPECT_EQ(lines[3].function, kLoginFn);
-    EXPECT_EQ(lines[3].level, 4u);
-    for (const ProcessorLogLine& line : lines) {
-        EXPECT_EQ(line.session, 2) << line.text;
-    }
-    EXPECT_THAT(processor.logonStarts, ElementsAre(2u));
-    ASSERT_EQ(processor.endedSessions.size(), 1u);
-    EXPECT_EQ(processor.endedSessions[0].profileFinished, 0xFFFFFFFFu);
-    EXPECT_EQ(processor.endedSessions[0].timingPoints,
-              (TimingPoints{{L"Explorer_Initialized_Stop", kMorning + 15 * kSecond},
-                            {L"WL_CallSubscriber_Login_Start", kMorning + 6 * kSecond},
-                            {L"WL_CallSubscriber_Profiles_Login_Start", kMorning + 2 * kSecond},
-                            {L"WL_CallSubscriber_Profiles_Login_Stop", kMorning + 5 * kSecond},
-                            {L"WL_CallSubscriber_Sens_Login_Info", kMorning + 7 * kSecond},
-                            {L"WL_NotifyExecute_CreateSession_Start", kMorning},
-                            {L"WL_NotifyExecute_Login_Start", kMorning + kSecond},
-                            {L"WL_NotifyExecute_StartShell_Start", kMorning + 10 * kSecond},
-                            {L"WL_NotifyExecute_StartShell_Stop", kMorning + 11 * kSecond},
-                            {L"WL_USERINIT_STOP", kMorning + 8 * kSecond}}));
-    EXPECT_THAT(processor.Sessions(), IsEmpty());
-}
-
-TEST_F(LogonProcessorTest, SessionCreation) {
-    const std::string notFound = "Session Context Not Found. Attempting To Init A New One. ";
-    struct Case {
-        TestEvent event;
-        std::vector<std::pair<uint32_t, std::string>> lines;
+// What events that find no session write, after the logon of session 2.
+TEST_F(LogonProcessorTest, EventsWithoutTheirSessionSaySo) {
+    const std::string login = "5 Winlogon_Login_Started: Received User Logon Event";
+    const std::string notFound =
+        "2 Winlogon_Login_Started: Session Context Not Found. Attempting To Init A New One. ";
+    auto without = [](TestEvent event, bool sid, bool session) {
+        if (sid) {
+            event.sid.reset();
+        }
+        if (session) {
+            event.session.reset();
+        }
+        return event;
     };
-    const Case cases[] = {
-        {Login(3, kAliceSid, kMorning),
-         {{5, "Received User Logon Event"},
-          {2, notFound + "sessionId=3"},
-          {4, "New Session Initialized Successfully: sessionId=3"},
-          {5, "SID: " + Narrow(kAliceSid) + ". sessionId=3"}}},
-        {Without(CreateSession(5, kAliceSid, kMorning), true, false),
-         {{2, "InitSession Failed, sessionId=5"}}},
+    TestEvent byProperty = without(CreateSession(5, kAliceSid, kMorning), false, true);
+    byProperty.properties.push_back(StringProperty(L"SessionID", L"5"));
+    TestEvent sessionManager = Tagged(kSessionManagerGuid, L"", kMorning);
+    sessionManager.id = 21;
+    sessionManager.properties.push_back(StringProperty(L"SessionID", L"6"));
+    // Held back on thread 77 until Alice's SID claims it, after her logon
+    // timed out: Bob's events then have no session.
+    auto onThread77 = [](uint16_t id, const wchar_t* sid, uint64_t second) {
+        TestEvent event = Tagged(kUserProfilesGuid, L"", kMorning + second * kSecond);
+        event.id = id;
+        event.sid = sid;
+        event.thread = 77;
+        return event;
+    };
+    const std::string bySid = ": Session Context Not Found. SID: " + Narrow(kBobSid);
+    const struct {
+        std::vector<TestEvent> events;
+        Lines lines;
+    } cases[] = {
+        {{Login(3, kBobSid, kMorning)},
+         {login, notFound + "sessionId=3",
+          "4 Winlogon_Login_Started: New Session Initialized Successfully: sessionId=3",
+          "5 Winlogon_Login_Started: SID: " + Narrow(kBobSid) + ". sessionId=3"}},
+        {{without(Login(4, kBobSid, kMorning), true, false)},
+         {login, notFound + "sessionId=4",
+          "2 Winlogon_Login_Started: Failed Initializing Session: 0x0, sessionId=4"}},
+        {{without(Login(4, kBobSid, kMorning), false, true)},
+         {login, notFound + "sessionId=-1",
+          "2 Winlogon_Login_Started: Failed Initializing Session: 0x0, sessionId=-1"}},
+        {{without(CreateSession(5, kAliceSid, kMorning), true, false)},
+         {"2 Winlogon_CreateSession: InitSession Failed, sessionId=5"}},
         // Winlogon's header names the session, not a property.
-        {WithSessionProperty(Without(CreateSession(5, kAliceSid, kMorning), false, true)),
-         {{2, "InitSession Failed, sessionId=-1"}}},
-        {Without(Login(4, kAliceSid, kMorning), true, false),
-         {{5, "Received User Logon Event"},
-          {2, notFound + "sessionId=4"},
-          {2, "Failed Initializing Session: 0x0, sessionId=4"}}},
-        {Without(Login(4, kAliceSid, kMorning), false, true),
-         {{5, "Received User Logon Event"},
-          {2, notFound + "sessionId=-1"},
-          {2, "Failed Initializing Session: 0x0, sessionId=-1"}}},
+        {{byProperty}, {"2 Winlogon_CreateSession: InitSession Failed, sessionId=-1"}},
+        {{ShellInitialized(7, kMorning)},
+         {"2 Explorer_Initialized: Session Context Not Found. sessionId=7"}},
+        {{without(ShellInitialized(7, kMorning), false, true)},
+         {"2 Explorer_Initialized: Session Context Not Found. sessionId=-1"}},
+        {{SubscriberEvent(812, 2, kLogin, L"Profiles", 9, kMorning),
+          SubscriberEvent(811, 1, kLogin, L"Profiles", 9, kMorning),
+          SubscriberEvent(812, 2, kLogoff, L"Profiles", 9, kMorning)},
+         {"2 Profiles_Finished: Session Context Not Found. sessionId=9"}},
+        {{sessionManager}, {"2 TS_LSM_Logon: Session Context Not Found. sessionId=6"}},
+        // The payload names the session, not the header.
+        {{AgentEvent(11, 132, 5, kMorning)},
+         {"2 Tessera_SessionAttached: Session Context Not Found. sessionId=5"}},
+        {{onThread77(1000, kSystemSid, 300), onThread77(6, kBobSid, 301),
+          onThread77(7, kBobSid, 302), onThread77(67, kBobSid, 303), onThread77(5, kBobSid, 304),
+          onThread77(1000, kAliceSid, 305)},
+         {"2 ProcessSessionState: Timed out waiting for Tessera Session Attached event.  Shell "
+          "started at " +
+              Stamp(kMorning + 21 * kSecond) + ".  Timeout " + Stamp(kMorning + 141 * kSecond) +
+              ".  sessionId=2",
+          "2 Profiles_SyncStarted" + bySid, "2 Profiles_SyncFinished" + bySid,
+          "2 Profiles_LoadedInfo" + bySid}},
     };
-    for (const Case& c : cases) {
-        auto& processor = Processor();
-        processor.Feed(c.event);
-        std::vector<std::pair<uint32_t, std::string>> lines;
-        for (const ProcessorLogLine& line : processor.lines) {
-            lines.emplace_back(line.level, line.text);
-        }
-        EXPECT_EQ(lines, c.lines);
-        // Only the Login with its SID and session makes a session.
-        const bool created = c.lines.size() == 4;
-        EXPECT_EQ(processor.logonStarts.size(), created ? 1u : 0u);
-        const auto sessions = processor.Sessions();
-        ASSERT_EQ(sessions.size(), created ? 1u : 0u);
-        if (created) {
-            EXPECT_EQ(sessions[0].timingPoints.at(L"WL_NotifyExecute_Login_Start"), kMorning);
-        }
+    for (const auto& c : cases) {
+        auto& processor = Processor(SESSION_CONFIG{120000, false, false, false});
+        processor.Feed(Logon(2, kAliceSid, kMorning));
+        const size_t before = processor.lines.size();
+        processor.Feed(c.events);
+        EXPECT_THAT(LinesFrom(processor, before), ElementsAreArray(c.lines))
+            << (c.lines.empty() ? "" : c.lines[0]);
     }
 }
 
 // Nothing is decided before the shell started; after it, the shell, an
 // ending notification or an overdue event settles the logon.
 TEST_F(LogonProcessorTest, CompletionRule) {
-    struct Case {
+    const uint64_t t = kMorning;
+    auto attach = [](const wchar_t* type) { return AgentEvent(11, 132, 2, t + 8, {{4, type}}); };
+    const TestEvent shellStopped = NotifyStop(kStartShell, 2, t + 7);
+    const TestEvent shellReady = ShellInitialized(2, t + 9);
+    const struct {
         const char* name;
         std::vector<TestEvent> events;
         bool settled;
         bool ending = false;
         bool waitForAttach = false;
-    };
-    const uint64_t t = kMorning;
-    const TestEvent shellStopped = NotifyStop(kStartShell, 2, t + 7);
-    const TestEvent shellReady = ShellInitialized(2, t + 9);
-    const Case cases[] = {
+    } cases[] = {
         {"shell initialised before StartShell_Stop",
-         {ShellInitialized(2, t + 5 * kSecond), NotifyStart(kStartShell, 2, t + 6 * kSecond)},
-         false,
+         {ShellInitialized(2, t + 5), NotifyStart(kStartShell, 2, t + 6)},
          false},
-        {"then StartShell_Stop",
-         {ShellInitialized(2, t + 5 * kSecond), NotifyStop(kStartShell, 2, t + 7 * kSecond)},
-         true,
-         false},
-        {"logoff", {NotifyStop(kStartShell, 2, t + 7), NotifyStart(kLogoff, 2, t + 8)}, true, true},
-        {"end shell",
-         {NotifyStop(kStartShell, 2, t + 7), NotifyStart(kEndShell, 2, t + 8)},
-         true,
-         true},
-        {"terminate",
-         {NotifyStop(kStartShell, 2, t + 7), NotifyStart(kTerminateSession, 2, t + 8)},
-         true,
-         true},
+        {"then StartShell_Stop", {ShellInitialized(2, t + 5), shellStopped}, true},
+        {"logoff", {shellStopped, NotifyStart(kLogoff, 2, t + 8)}, true, true},
+        {"end shell", {shellStopped, NotifyStart(kEndShell, 2, t + 8)}, true, true},
+        {"terminate", {shellStopped, NotifyStart(kTerminateSession, 2, t + 8)}, true, true},
         {"ending before the shell",
          {NotifyStart(kLogoff, 2, t + 8), NotifyStart(kTerminateSession, 2, t + 9)},
-         false,
          false},
         {"an event after the deadline",
-         {NotifyStop(kStartShell, 2, t + 7), NotifyStart(kLogin, 2, t + 200 * kSecond)},
-         true,
+         {shellStopped, NotifyStart(kLogin, 2, t + 7 + 120 * kSecond + 1)},
+         true},
+        {"an event at the deadline",
+         {shellStopped, NotifyStart(kLogin, 2, t + 7 + 120 * kSecond)},
          false},
         // Waiting for the agent: an application session needs no shell, a
-        // desktop needs both.
-        {"application", {shellStopped, Attach(L"APPLICATION", t + 8)}, true, false, true},
+        // desktop needs both; a payload of the wrong length names no type.
+        {"application", {shellStopped, attach(L"Application")}, true, false, true},
         {"shell only", {shellStopped, shellReady}, false, false, true},
-        {"desktop", {shellStopped, Attach(L"DESKTOP", t + 8), shellReady}, true, false, true},
+        {"desktop", {shellStopped, attach(L"DESKTOP"), shellReady}, true, false, true},
+        {"desktop, no shell", {shellStopped, attach(L"DESKTOP")}, false, false, true},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         auto& processor = Processor(SESSION_CONFIG{120000, c.waitForAttach, false, false});
         processor.Feed(CreateSession(2, kAliceSid, t));
-        for (const TestEvent& event : c.events) {
-            processor.Feed(event);
-        }
+        processor.Feed(c.events);
         EXPECT_EQ(processor.endedSessions.size(), c.settled ? 1u : 0u) << c.name;
         EXPECT_EQ(processor.Sessions().size(), c.settled ? 0u : 1u) << c.name;
-        const auto ending = processor.LinesWith("Session is ending...");
-        ASSERT_EQ(ending.size(), c.ending ? 1u : 0u) << c.name;
-        if (c.ending) {
-            EXPECT_EQ(ending[0].level, 4u);
-            EXPECT_EQ(ending[0].function, kStateFn);
-        }
+        const Lines logged = processor.Logged();
+        EXPECT_EQ(
+            std::count(logged.begin(), logged.end(), "4 ProcessSessionState: Session is ending..."),
+            c.ending ? 1 : 0)
+            << c.name;
+    }
+}
+
+TEST_F(LogonProcessorTest, TimerRunsWhileSessionsAreOpenInRealTimeOnly) {
+    const struct {
+        uint32_t timeoutMs;
+        bool realTime;
+        std::vector<uint32_t> periods;
+    } cases[] = {{120000, true, {5000}}, {1000, true, {1000}}, {0, true, {5000}}, {1, false, {}}};
+    for (const auto& c : cases) {
+        timers_.periods.clear();
+        auto& processor = Processor(SESSION_CONFIG{c.timeoutMs, false, c.realTime, false});
+        processor.Feed(Logon(2, kAliceSid, kMorning));
+        EXPECT_EQ(timers_.Running(), c.realTime);
+        processor.Feed(ShellInitialized(2, kMorning + 30 * kSecond));
+        EXPECT_EQ(timers_.periods, c.periods) << c.timeoutMs;
+        EXPECT_FALSE(timers_.Running());
+        EXPECT_EQ(processor.sampling,
+                  (c.realTime ? std::vector<bool>{true, false} : std::vector<bool>{}));
     }
 }
 
 // The line names what is missing: the agent's attach, or, once it attached,
-// the shell (whether or not the processor waits for the agent).
-TEST_F(LogonProcessorTest, TimesOutFromTheLastStartShellStop) {
+// the shell; it goes to the session's log with the session's last event.
+TEST_F(LogonProcessorTest, TheTimerTimesOutFromTheLastStartShellStop) {
     for (const bool attached : {false, true}) {
         auto& processor = Processor(SESSION_CONFIG{120000, false, true, false});
-        StartLogon(processor, 2, kAliceSid, kMorning);
+        processor.Feed(Logon(2, kAliceSid, kMorning));
         const uint64_t shellStarted = kMorning + 60 * kSecond;
         processor.Feed(NotifyStop(kStartShell, 2, shellStarted));
         if (attached) {
-            processor.Feed(Attach(L"DESKTOP", shellStarted));
+            processor.Feed(AgentEvent(11, 132, 2, shellStarted));
         }
         clock_.now = shellStarted + 120 * kSecond;
         timers_.Fire();
         EXPECT_THAT(processor.endedSessions, IsEmpty());
-
         clock_.now += kSecond;
         timers_.Fire();
         timers_.Fire();
-        const auto lines = processor.LinesWith(
-            std::string("Timed out waiting for ") +
-            (attached ? "ShellInitialized" : "Tessera Session Attached") +
-            " event.  Shell started at " + Narrow(logonmon::TimestampText(shellStarted, true)) +
-            ".  Timeout " + Narrow(logonmon::TimestampText(shellStarted + 120 * kSecond, true)) +
-            ".  sessionId=2");
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0].level, 2u);
-        EXPECT_EQ(lines[0].function, kStateFn);
-        // Written with the session's last event, so it reaches the session's log.
-        EXPECT_EQ(lines[0].session, 2);
         ASSERT_EQ(processor.endedSessions.size(), 1u);
         EXPECT_TRUE(processor.endedSessions[0].logonComplete);
+        const ProcessorLogLine& line = processor.lines.back();
+        EXPECT_EQ(line.session, 2);
+        EXPECT_EQ(processor.Logged().back(),
+                  std::string("2 ProcessSessionState: Timed out waiting for ") +
+                      (attached ? "ShellInitialized" : "Tessera Session Attached") +
+                      " event.  Shell started at " + Stamp(shellStarted) + ".  Timeout " +
+                      Stamp(shellStarted + 120 * kSecond) + ".  sessionId=2");
         // The last session settled: no more ticks, no more samples.
         EXPECT_FALSE(timers_.Running());
         EXPECT_EQ(processor.sampling, (std::vector<bool>{true, false}));
@@ -275,35 +245,93 @@ TEST_F(LogonProcessorTest, TimesOutFromTheLastStartShellStop) {
 
 TEST_F(LogonProcessorTest, WithoutTimeoutOnlyAForcedCheckSettlesAStartedShell) {
     auto& processor = Processor(SESSION_CONFIG{0, false, true, false});
-    StartLogon(processor, 2, kAliceSid, kMorning);
+    processor.Feed(Logon(2, kAliceSid, kMorning));
+    processor.Feed(CreateSession(3, kBobSid, kMorning));
     clock_.now = kMorning + 7 * 24 * 3600 * kSecond;
     timers_.Fire();
     processor.Feed(NotifyStop(kLogin, 2, clock_.now));
     EXPECT_THAT(processor.endedSessions, IsEmpty());
 
     processor.RunSessionTimeoutCheck(true);
-    EXPECT_EQ(processor.endedSessions.size(), 1u);
-    EXPECT_EQ(processor.Texts().size(), 3u);  // no timeout line
+    ASSERT_EQ(processor.endedSessions.size(), 1u);
+    EXPECT_EQ(processor.Sessions().at(0).sessionId, 3u);
+    EXPECT_EQ(processor.lines.size(), 4u);  // no timeout line
 }
 
-TEST_F(LogonProcessorTest, TimerRunsWhileSessionsAreOpenInRealTimeOnly) {
-    struct Case {
-        uint32_t timeoutMs;
-        bool realTime;
-        std::vector<uint32_t> periods;
+// Services name the session in a property; the profile service's events wait
+// for the session of their thread, Group Policy's for that of their activity.
+TEST_F(LogonProcessorTest, EventsFindTheirSession) {
+    auto& processor = Processor(SESSION_CONFIG{0, false, false, true});
+    processor.Feed(CreateSession(2, kAliceSid, kMorning));
+    processor.Feed(CreateSession(3, kBobSid, kMorning));  // newer, another user
+    processor.lines.clear();
+    auto named = [](const std::wstring& property, const std::wstring& value,
+                    std::optional<uint32_t> header = 0) {
+        TestEvent event = Tagged(kSessionManagerGuid, L"sm " + property + L"=" + value,
+                                 kMorning + kSecond, header);
+        event.properties.push_back(StringProperty(property, value));
+        return event;
     };
-    for (const Case& c : {Case{120000, true, {5000}}, Case{1000, true, {1000}},
-                          Case{0, true, {5000}}, Case{120000, false, {}}}) {
-        timers_.periods.clear();
-        auto& processor = Processor(SESSION_CONFIG{c.timeoutMs, false, c.realTime, false});
-        StartLogon(processor, 2, kAliceSid, kMorning);
-        EXPECT_EQ(timers_.Running(), c.realTime);
-        processor.Feed(ShellInitialized(2, kMorning + 30 * kSecond));
+    auto profile = [](const std::wstring& text, uint32_t thread, const wchar_t* sid,
+                      uint16_t id = 1000) {
+        TestEvent event = Tagged(kUserProfilesGuid, L"profile " + text, kMorning + kSecond);
+        event.id = id;
+        event.sid = sid;
+        event.thread = thread;
+        return event;
+    };
+    constexpr wchar_t kUserPolicy[] = L"6c1c5d1e-7a39-4d4c-9a0b-3a4b5c6d7e8f";
+    auto policy = [](const std::wstring& text, const wchar_t* activity,
+                     std::optional<uint32_t> session = std::nullopt) {
+        TestEvent event = Tagged(kGroupPolicyGuid, L"policy " + text, kMorning + kSecond, session);
+        event.activity = activity;
+        return event;
+    };
+    processor.Feed({named(L"SessionID", L"2"), named(L"Session", L"3"),
+                    named(L"Session", L"2", std::nullopt), named(L"Session", L"7", 3),
+                    named(L"SessionID", L"2x"), named(L"SessionID", L"99999999999"),
+                    profile(L"held 1", 77, kSystemSid), profile(L"other thread", 78, kSystemSid),
+                    profile(L"held 2", 77, kSystemSid), profile(L"event 1", 77, kSystemSid, 1)});
+    // A failing held-back event costs none of the others.
+    processor.throwOnText = "profile held 1";
+    EXPECT_THROW(processor.Feed(profile(L"by SID", 77, kAliceSid)), std::runtime_error);
+    processor.Feed({profile(L"same thread", 77, kSystemSid), policy(L"earlier", kUserPolicy),
+                    policy(L"unclaimed", L"0f0e0d0c-0b0a-0908-0706-050403020100"),
+                    policy(L"with session", kUserPolicy, 2), policy(L"later", kUserPolicy),
+                    policy(L"no activity", L"00000000-0000-0000-0000-000000000000")});
 
-        EXPECT_EQ(timers_.periods, c.periods) << c.timeoutMs;
-        EXPECT_FALSE(timers_.Running());
-        EXPECT_EQ(processor.sampling,
-                  (c.realTime ? std::vector<bool>{true, false} : std::vector<bool>{}));
+    EXPECT_THAT(
+        Handled(processor),
+        ElementsAre("sm SessionID=2 @2", "sm Session=3 @3", "sm Session=2 @2", "sm Session=7 @3",
+                    "sm SessionID=2x @-1", "sm SessionID=99999999999 @-1", "profile event 1 @-1",
+                    "profile held 1 @2", "profile held 2 @2", "profile by SID @2",
+                    "profile same thread @2", "policy earlier @2", "policy with session @2",
+                    "policy later @2", "policy no activity @-1"));
+}
+
+// Events held back more than ten minutes of event time before the newest,
+// or beyond the newest thousand, are dropped.
+TEST_F(LogonProcessorTest, HeldBackEventsAreBoundedByAgeAndCount) {
+    auto profile = [](const wchar_t* text, const wchar_t* sid, uint64_t time) {
+        TestEvent event = Tagged(kUserProfilesGuid, text, time);
+        event.sid = sid;
+        event.thread = 77;
+        return event;
+    };
+    const uint64_t later = kMorning + 10 * 60 * kSecond;
+    for (const size_t held : {1, 1000}) {
+        auto& processor = Processor(SESSION_CONFIG{0, false, false, true});
+        processor.Feed(CreateSession(2, kAliceSid, kMorning));
+        processor.lines.clear();
+        processor.Feed(
+            {profile(L"stale", kSystemSid, kMorning - 1), profile(L"aged", kSystemSid, kMorning)});
+        for (size_t i = 0; i < held; ++i) {
+            processor.Feed(profile(L"held", kSystemSid, later));
+        }
+        processor.Feed(profile(L"by SID", kAliceSid, later));
+        const Lines handled = Handled(processor);
+        EXPECT_EQ(handled.front(), held == 1 ? "aged @2" : "held @2");
+        EXPECT_EQ(handled.size(), std::min<size_t>(held + 1, 1000) + 1);
     }
 }
 
@@ -312,112 +340,21 @@ TEST_F(LogonProcessorTest, ReusedSessionIdsKeepTheirLogonsApart) {
     // The first logon of session 2 never reaches its shell and stays open.
     processor.Feed(CreateSession(2, kAliceSid, kMorning));
     const uint64_t second = kMorning + 600 * kSecond;
-    processor.Feed(CreateSession(2, kBobSid, second));
-    // Late, and before either logon.
-    processor.Feed(NotifyStop(kLogin, 2, kMorning + 9 * kSecond));
-    processor.Feed(NotifyStop(kLogin, 2, second + 9 * kSecond));
-    processor.Feed(NotifyStart(kStartShell, 2, kMorning - kSecond));
+    processor.Feed({CreateSession(2, kBobSid, second),
+                    // Late, and before either logon.
+                    NotifyStop(kLogin, 2, kMorning + 9 * kSecond),
+                    NotifyStop(kLogin, 2, second + 9 * kSecond),
+                    NotifyStart(kStartShell, 2, kMorning - kSecond)});
 
     const auto sessions = processor.Sessions();
     ASSERT_EQ(sessions.size(), 2u);
-    EXPECT_EQ(sessions[0].userSidText, kAliceSid);
-    EXPECT_EQ(sessions[0].timingPoints,
-              (TimingPoints{{L"WL_NotifyExecute_CreateSession_Start", kMorning},
-                            {L"WL_NotifyExecute_Login_Stop", kMorning + 9 * kSecond}}));
-    EXPECT_EQ(sessions[1].userSidText, kBobSid);
-    EXPECT_EQ(sessions[1].timingPoints,
-              (TimingPoints{{L"WL_NotifyExecute_CreateSession_Start", second},
-                            {L"WL_NotifyExecute_Login_Stop", second + 9 * kSecond}}));
-}
-
-TEST_F(LogonProcessorTest, ServicesNameTheSessionInAProperty) {
-    struct Case {
-        std::optional<uint32_t> header;
-        std::wstring property;
-        std::wstring value;
-        int64_t session;
-    };
-    for (const Case& c : {Case{0, L"SessionID", L"2", 2}, Case{0, L"Session", L"2", 2},
-                          Case{std::nullopt, L"Session", L"2", 2}, Case{2, L"Session", L"7", 2},
-                          Case{0, L"SessionID", L"2x", -1}, Case{0, L"SessionID", L"", -1},
-                          Case{0, L"SessionID", L"99999999999", -1}}) {
-        auto& processor = Processor(kLogEvents);
-        processor.Feed(CreateSession(2, kAliceSid, kMorning));
-        TestEvent event = Tagged(kSessionManagerGuid, L"session manager", kMorning + kSecond);
-        event.session = c.header;
-        event.properties.push_back(StringProperty(c.property, c.value));
-        processor.Feed(event);
-
-        EXPECT_THAT(Handled(processor, "session manager"),
-                    ElementsAre(Handling{"session manager", c.session}))
-            << Narrow(c.property + L"=" + c.value);
-        EXPECT_EQ(processor.Session(2)->timingPoints.size(), 1u);
+    for (const auto& [session, sid, start] :
+         {std::tuple{sessions[0], kAliceSid, kMorning}, std::tuple{sessions[1], kBobSid, second}}) {
+        EXPECT_EQ(session.userSidText, sid);
+        EXPECT_EQ(session.timingPoints,
+                  (logonmon::TimingPoints{{L"WL_NotifyExecute_CreateSession_Start", start},
+                                          {L"WL_NotifyExecute_Login_Stop", start + 9 * kSecond}}));
     }
-}
-
-TEST_F(LogonProcessorTest, ProfileEventsWaitForTheSessionOfTheirThread) {
-    auto& processor = Processor(kLogEvents);
-    processor.Feed(CreateSession(2, kAliceSid, kMorning));
-    processor.Feed(CreateSession(3, kBobSid, kMorning));  // newer, another user
-    processor.Feed(ProfileEvent(L"held 1", 77, kSystemSid, kMorning + 1));
-    processor.Feed(ProfileEvent(L"other thread", 78, kSystemSid, kMorning + 2));
-    processor.Feed(ProfileEvent(L"held 2", 77, kSystemSid, kMorning + 3));
-    TestEvent first = ProfileEvent(L"event 1", 77, kSystemSid, kMorning + 4);
-    first.id = 1;
-    processor.Feed(first);
-    EXPECT_THAT(Handled(processor, "profile"), ElementsAre(Handling{"profile event 1", -1}));
-
-    // Found by its SID, this event ties thread 77 to session 2. A failing
-    // held-back event costs none of the others.
-    processor.throwOnText = "profile held 1";
-    EXPECT_THROW(processor.Feed(ProfileEvent(L"by SID", 77, kAliceSid, kMorning + 5)),
-                 std::runtime_error);
-    processor.Feed(ProfileEvent(L"same thread", 77, kSystemSid, kMorning + 6));
-
-    EXPECT_THAT(Handled(processor, "profile"),
-                ElementsAre(Handling{"profile event 1", -1}, Handling{"profile held 1", 2},
-                            Handling{"profile held 2", 2}, Handling{"profile by SID", 2},
-                            Handling{"profile same thread", 2}));
-}
-
-TEST_F(LogonProcessorTest, HeldBackEventsAreBoundedByAgeAndCount) {
-    auto& processor = Processor(kLogEvents);
-    processor.Feed(CreateSession(2, kAliceSid, kMorning));
-    processor.Feed(ProfileEvent(L"stale", 77, kSystemSid, kMorning));
-    const uint64_t later = kMorning + 11 * 60 * kSecond;
-    for (int i = 0; i < 1001; ++i) {
-        processor.Feed(ProfileEvent(L"held", 77, kSystemSid, later + i));
-    }
-    processor.Feed(ProfileEvent(L"by SID", 77, kAliceSid, later + 2000));
-
-    const auto handled = Handled(processor, "profile");
-    ASSERT_EQ(handled.size(), 1001u);
-    EXPECT_EQ(handled.front(), (Handling{"profile held", 2}));
-    EXPECT_EQ(handled.back(), (Handling{"profile by SID", 2}));
-}
-
-TEST_F(LogonProcessorTest, PolicyEventsFindTheirSessionThroughTheirActivity) {
-    auto policy = [](const std::wstring& text, const wchar_t* activity,
-                     std::optional<uint32_t> session, uint64_t time) {
-        TestEvent event = Tagged(kGroupPolicyGuid, L"policy " + text, time);
-        event.session = session;
-        event.activity = activity;
-        return event;
-    };
-    constexpr wchar_t kUserPolicy[] = L"6c1c5d1e-7a39-4d4c-9a0b-3a4b5c6d7e8f";
-    auto& processor = Processor(kLogEvents);
-    processor.Feed(CreateSession(2, kAliceSid, kMorning));
-    processor.Feed(policy(L"earlier", kUserPolicy, std::nullopt, kMorning + 1));
-    processor.Feed(
-        policy(L"unclaimed", L"0f0e0d0c-0b0a-0908-0706-050403020100", std::nullopt, kMorning + 2));
-    processor.Feed(policy(L"with session", kUserPolicy, 2, kMorning + 3));
-    processor.Feed(policy(L"later", kUserPolicy, std::nullopt, kMorning + 4));
-    processor.Feed(policy(L"no activity", L"00000000-0000-0000-0000-000000000000", std::nullopt,
-                          kMorning + 5));
-
-    EXPECT_THAT(Handled(processor, "policy"),
-                ElementsAre(Handling{"policy earlier", 2}, Handling{"policy with session", 2},
-                            Handling{"policy later", 2}, Handling{"policy no activity", -1}));
 }
 
 TEST_F(LogonProcessorTest, AFailingHandlerLeavesTheProcessorUsable) {
@@ -430,8 +367,8 @@ TEST_F(LogonProcessorTest, AFailingHandlerLeavesTheProcessorUsable) {
 
     // Another thread gets the lock and finishes the logon.
     std::async(std::launch::async, [&processor] {
-        processor.Feed(NotifyStop(kStartShell, 2, kMorning + 2 * kSecond));
-        processor.Feed(ShellInitialized(2, kMorning + 3 * kSecond));
+        processor.Feed({NotifyStop(kStartShell, 2, kMorning + 2 * kSecond),
+                        ShellInitialized(2, kMorning + 3 * kSecond)});
     }).get();
     EXPECT_EQ(processor.endedSessions.size(), 1u);
 }

@@ -34,11 +34,11 @@ TEST(PrintfFormatTest, FollowsTheMicrosoftConventions) {
     EXPECT_EQ(Format("sessionId=%d", noSession), "sessionId=-1");
     EXPECT_EQ(Format("0x%X %08lX %x", 0x80070005u, 0xABCDu, 255u), "0x80070005 0000ABCD ff");
     EXPECT_EQ(Format("%.2f seconds, %.2f", 123.456f, 0.0051), "123.46 seconds, 0.01");
-    EXPECT_EQ(Format("[%-6ws][%6ws][%.3ws]", L"ab", L"ab", L"abcdef"), "[ab    ][    ab][abc]");
+    EXPECT_EQ(Format("[%-6ws][%9ws][%.3ws]", L"ab", L"ab", L"abcdef"), "[ab    ][       ab][abc]");
     EXPECT_EQ(Format("%-20s|%20s|", "Login", "Profiles"),
               "Login               |            Profiles|");
     EXPECT_EQ(Format("%c%wc %d%%", 'A', L'B', 100), "AB 100%");
-    EXPECT_EQ(Format("%*d|%-*d|", 4, 7, 3, 8), "   7|8  |");
+    EXPECT_EQ(Format("%*d|%-*d|%*d|", 4, 7, 3, 8, -3, 9), "   7|8  |9  |");
     EXPECT_EQ(
         Format("%ws %s", static_cast<const wchar_t*>(nullptr), static_cast<const char*>(nullptr)),
         "(null) (null)");

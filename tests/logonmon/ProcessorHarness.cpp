@@ -4,6 +4,7 @@
 
 #include "logonmon/CurrentRecord.h"
 #include "logonmon/PrintfFormat.h"
+#include "trace/TextForms.h"
 
 namespace plmx::testing {
 
@@ -14,16 +15,14 @@ const bool currentRecordSlotReady = logonmon::AllocateCurrentRecordSlot();
 
 TestEvent WinlogonEvent(uint16_t id, uint8_t opcode, const std::wstring& task,
                         Notification notification, uint32_t session, uint64_t time) {
-    TestEvent event;
-    event.provider = kWinlogonGuid;
-    event.id = id;
-    event.opcode = opcode;
-    event.time = time;
-    event.session = session;
-    event.sid = kSystemSid;
-    event.task = task;
-    event.properties.push_back(UInt32Property(L"Event", notification));
-    return event;
+    return {.provider = kWinlogonGuid,
+            .id = id,
+            .opcode = opcode,
+            .time = time,
+            .session = session,
+            .sid = kSystemSid,
+            .task = task,
+            .properties = {UInt32Property(L"Event", notification)}};
 }
 
 logonmon::SESSION_CONTEXT Copy(const logonmon::SESSION_CONTEXT& context) {
@@ -62,18 +61,13 @@ TestEvent Login(uint32_t session, const std::wstring& sid, uint64_t time) {
 }
 
 TestEvent ShellInitialized(uint32_t session, uint64_t time) {
-    TestEvent event;
-    event.provider = kShellCoreGuid;
-    event.id = 9602;
-    event.opcode = 2;
-    event.time = time;
-    event.session = session;
-    return event;
+    return {.provider = kShellCoreGuid, .id = 9602, .opcode = 2, .time = time, .session = session};
 }
 
-std::vector<uint8_t> AgentPayload(size_t size, uint32_t session,
-                                  const std::vector<std::pair<size_t, std::wstring>>& fields) {
-    std::vector<uint8_t> payload(size, 0);
+TestEvent AgentEvent(uint16_t id, size_t size, uint32_t session, uint64_t time,
+                     const std::vector<std::pair<size_t, std::wstring>>& fields) {
+    TestEvent event{.provider = kRemoteAgentGuid, .id = id, .time = time, .session = 2};
+    std::vector<uint8_t>& payload = event.payload.emplace(size, 0);
     for (size_t i = 0; i < 4 && i < size; ++i) {
         payload[i] = static_cast<uint8_t>(session >> (8 * i));
     }
@@ -83,16 +77,6 @@ std::vector<uint8_t> AgentPayload(size_t size, uint32_t session,
             payload[offset + 2 * i + 1] = static_cast<uint8_t>(text[i] >> 8);
         }
     }
-    return payload;
-}
-
-TestEvent Attach(const std::wstring& type, uint64_t time, size_t size, uint32_t session) {
-    TestEvent event;
-    event.provider = kRemoteAgentGuid;
-    event.id = 11;
-    event.session = 2;
-    event.time = time;
-    event.payload = AgentPayload(size, session, {{4, type}});
     return event;
 }
 
@@ -166,6 +150,10 @@ void RecordingProcessor::LogFormatted(uint32_t level, const wchar_t* function, c
     }
 }
 
+void RecordingProcessor::LogExtendedSummary(logonmon::SESSION_CONTEXT& session) {
+    LogFormatted(logonmon::kLevelInfo, L"Extended", "extended %d", session.sessionId);
+}
+
 void Describe(const TestEvent& event, EventBuilder& builder) {
     builder.Provider(event.provider).EventId(event.id).Opcode(event.opcode).Level(4);
     builder.ProcessId(0x2a0).ThreadId(event.thread).Timestamp(event.time);
@@ -201,24 +189,24 @@ void RecordingProcessor::Feed(const TestEvent& event) {
     HandleEventRecord(&builder.Record());
 }
 
-std::vector<std::string> RecordingProcessor::Texts() const {
-    std::lock_guard<std::mutex> lock(mutex);
-    std::vector<std::string> texts;
-    for (const ProcessorLogLine& line : lines) {
-        texts.push_back(line.text);
+void RecordingProcessor::Feed(const std::vector<TestEvent>& events) {
+    for (const TestEvent& event : events) {
+        Feed(event);
     }
-    return texts;
 }
 
-std::vector<ProcessorLogLine> RecordingProcessor::LinesWith(const std::string& text) const {
+std::vector<std::string> RecordingProcessor::Logged() const {
+    static const std::wstring kOwn = L"logonmon::LogonProcessor::";
     std::lock_guard<std::mutex> lock(mutex);
-    std::vector<ProcessorLogLine> found;
+    std::vector<std::string> logged;
     for (const ProcessorLogLine& line : lines) {
-        if (line.text == text) {
-            found.push_back(line);
-        }
+        const std::wstring_view function =
+            line.function.starts_with(kOwn) ? std::wstring_view(line.function).substr(kOwn.size())
+                                            : line.function;
+        logged.push_back(std::to_string(line.level) + " " +
+                         logonmon::Utf8FromWide(std::wstring(function)) + ": " + line.text);
     }
-    return found;
+    return logged;
 }
 
 std::vector<logonmon::SESSION_CONTEXT> RecordingProcessor::Sessions() {
@@ -226,15 +214,6 @@ std::vector<logonmon::SESSION_CONTEXT> RecordingProcessor::Sessions() {
     VisitSessions(
         [&sessions](logonmon::SESSION_CONTEXT& context) { sessions.push_back(Copy(context)); });
     return sessions;
-}
-
-std::optional<logonmon::SESSION_CONTEXT> RecordingProcessor::Session(uint32_t sessionId) {
-    for (auto& session : Sessions()) {
-        if (session.sessionId == sessionId) {
-            return session;
-        }
-    }
-    return std::nullopt;
 }
 
 }  // namespace plmx::testing

@@ -44,37 +44,37 @@ enum Notification : uint32_t {
     kEndShell = 13,
 };
 
+// Every member has an initializer, so that designated initializers may leave
+// any out.
 struct TestEvent {
-    std::wstring provider;
+    std::wstring provider{};
     uint16_t id = 0;
     uint8_t opcode = 0;
     uint64_t time = kMorning;
-    std::optional<uint32_t> session;
-    std::optional<std::wstring> sid;
+    std::optional<uint32_t> session{};
+    std::optional<std::wstring> sid{};
     uint32_t thread = 0x100;
-    std::optional<std::wstring> activity;
-    std::wstring task;
-    std::wstring opcodeName;
-    std::wstring message;
-    std::vector<PropertyDefinition> properties;
-    std::optional<std::vector<uint8_t>> payload;
+    std::optional<std::wstring> activity{};
+    std::wstring task{};
+    std::wstring opcodeName{};
+    std::wstring message{};
+    std::vector<PropertyDefinition> properties{};
+    std::optional<std::vector<uint8_t>> payload{};
 };
 
-// Winlogon notification events: 801/802 NotifyExecute start/stop.
+// Winlogon's NotifyExecute start and stop (801/802) and CallSubscriber
+// events (811/812) for one subscriber.
 TestEvent NotifyStart(Notification notification, uint32_t session, uint64_t time);
 TestEvent NotifyStop(Notification notification, uint32_t session, uint64_t time);
-// CallSubscriber 811/812 for one subscriber.
 TestEvent SubscriberEvent(uint16_t id, uint8_t opcode, Notification notification,
                           const std::wstring& subscriber, uint32_t session, uint64_t time);
 TestEvent CreateSession(uint32_t session, const std::wstring& sid, uint64_t time);
 TestEvent Login(uint32_t session, const std::wstring& sid, uint64_t time);
 TestEvent ShellInitialized(uint32_t session, uint64_t time);
-// A payload of `size` bytes: the session id, then UTF-16 text fields at their
-// offsets, each cut at the payload's end.
-std::vector<uint8_t> AgentPayload(size_t size, uint32_t session,
-                                  const std::vector<std::pair<size_t, std::wstring>>& fields);
-// The remote agent's attach event (header session 2) with the session type.
-TestEvent Attach(const std::wstring& type, uint64_t time, size_t size = 132, uint32_t session = 2);
+// A remote agent event of `size` bytes (header session 2): the session id,
+// then UTF-16 text fields at their offsets, each cut at the payload's end.
+TestEvent AgentEvent(uint16_t id, size_t size, uint32_t session, uint64_t time,
+                     const std::vector<std::pair<size_t, std::wstring>>& fields = {});
 
 // Gives `builder` the header, schema and properties of `event`.
 void Describe(const TestEvent& event, EventBuilder& builder);
@@ -124,15 +124,16 @@ class RecordingProcessor : public logonmon::LogonProcessor {
     void OnLogonEnd(logonmon::SESSION_CONTEXT& session) override;
     void EnableSampling(bool enable) override;
     void LogFormatted(uint32_t level, const wchar_t* function, const char* format, ...) override;
+    // Marks where the extended summary goes.
+    void LogExtendedSummary(logonmon::SESSION_CONTEXT& session) override;
 
     void Feed(const TestEvent& event);
-
-    std::vector<std::string> Texts() const;
-    // Lines whose text is exactly `text`.
-    std::vector<ProcessorLogLine> LinesWith(const std::string& text) const;
+    void Feed(const std::vector<TestEvent>& events);
+    // "<level> <function>: <text>", the function without the processor's own
+    // "logonmon::LogonProcessor::".
+    std::vector<std::string> Logged() const;
     // Copies of the open sessions, in creation order.
     std::vector<logonmon::SESSION_CONTEXT> Sessions();
-    std::optional<logonmon::SESSION_CONTEXT> Session(uint32_t sessionId);
 
     // Guarded by `mutex` where threads meet.
     mutable std::mutex mutex;
@@ -151,15 +152,6 @@ class ProcessorFixture : public ::testing::Test {
         processor_ = std::make_unique<RecordingProcessor>(
             config, logonmon::ProcessorServices{&timers_, &clock_, &accounts_});
         return *processor_;
-    }
-
-    // CreateSession, Login and the shell's start, as Winlogon reports them.
-    static void StartLogon(RecordingProcessor& processor, uint32_t session, const std::wstring& sid,
-                           uint64_t start) {
-        processor.Feed(CreateSession(session, sid, start));
-        processor.Feed(Login(session, sid, start + kSecond));
-        processor.Feed(NotifyStart(kStartShell, session, start + 20 * kSecond));
-        processor.Feed(NotifyStop(kStartShell, session, start + 21 * kSecond));
     }
 
     ScopedFakeTdh tdh_;

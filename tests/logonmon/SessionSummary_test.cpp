@@ -18,16 +18,13 @@ using logonmon::TimingPoints;
 using ::testing::ElementsAreArray;
 using Lines = std::vector<std::string>;
 
-constexpr wchar_t kSummaryFn[] = L"logonmon::LogonProcessor::LogSummary";
-constexpr wchar_t kFixedFn[] = L"logonmon::LogonProcessor::LogSummary::<lambda_1>::operator ()";
-
 uint64_t At(uint32_t second, uint32_t millisecond = 0) {
     return kMorning + second * kSecond + millisecond * 10'000ull;
 }
 
 // A timeline row: left-aligned at the top level, right-aligned when nested.
-std::string Row(bool nested, const char* label, uint64_t start, uint64_t stop,
-                const char* seconds) {
+std::string Row(const char* label, uint64_t start, uint64_t stop, const char* seconds,
+                bool nested = false) {
     char text[256];
     std::snprintf(text, sizeof text,
                   nested ? "%20s %s - %s (dur %s seconds)" : "%-20s %s - %s (dur %s seconds)",
@@ -35,17 +32,23 @@ std::string Row(bool nested, const char* label, uint64_t start, uint64_t stop,
                   logonmon::Utf8FromWide(logonmon::TimestampText(stop, true)).c_str(), seconds);
     return text;
 }
-std::string Top(const char* label, uint64_t start, uint64_t stop, const char* seconds) {
-    return Row(false, label, start, stop, seconds);
-}
-std::string Nested(const char* label, uint64_t start, uint64_t stop, const char* seconds) {
-    return Row(true, label, start, stop, seconds);
-}
-// A fixed-duration line, written under the lambda's name.
-std::string Fixed(const std::string& text) {
-    return "<lambda_1> " + text;
-}
 
+// Summary lines as Logged() shows them.
+std::string Sum(const std::string& text) {
+    return "4 LogSummary: " + text;
+}
+std::string Fixed(const std::string& text) {
+    return "4 LogSummary::<lambda_1>::operator (): " + text;
+}
+Lines Sums(const Lines& texts) {
+    Lines lines;
+    for (const std::string& text : texts) {
+        lines.push_back(Sum(text));
+    }
+    return lines;
+}
+// As the log writes it: the Windows C runtime converts wide text through the
+// C locale.
 std::string Formatted(const char* format, ...) {
     va_list args;
     va_start(args, format);
@@ -53,22 +56,6 @@ std::string Formatted(const char* format, ...) {
     va_end(args);
     return text;
 }
-
-std::string Header(const std::wstring& user, uint32_t sessionId) {
-    return Formatted(
-        "****************** Session Summary (User=%ws, sessionId=%d) *****************",
-        user.c_str(), sessionId);
-}
-
-Lines PolicyBlock(int async, int sync, int failed, int changed, int totalMs) {
-    return {"Group Policy Summary: ",
-            "   Async. Policies: " + std::to_string(async),
-            "   Sync. Policies: " + std::to_string(sync),
-            "   Failed Policies: " + std::to_string(failed),
-            "   Changed Policies: " + std::to_string(changed),
-            "   Group Policy CSE Total Time: " + std::to_string(totalMs) + "ms"};
-}
-
 Lines Concat(std::initializer_list<Lines> parts) {
     Lines all;
     for (const Lines& part : parts) {
@@ -76,182 +63,215 @@ Lines Concat(std::initializer_list<Lines> parts) {
     }
     return all;
 }
-
-// Marks where the extended summary goes.
-class SummaryProcessor : public RecordingProcessor {
-  public:
-    using RecordingProcessor::RecordingProcessor;
-
-    void LogExtendedSummary(SESSION_CONTEXT& session) override {
-        LogFormatted(4, L"Extended", "extended %d", session.sessionId);
-    }
-};
-
-class SessionSummaryTest : public ::testing::Test {
-  protected:
-    // The summary's lines, all at level 4, as a fresh processor writes them.
-    Lines Summary(SESSION_CONTEXT& session) {
-        SummaryProcessor processor(logonmon::SESSION_CONFIG{},
-                                   logonmon::ProcessorServices{&timers_, &clock_, &accounts_});
-        processor.LogSummary(session);
-        Lines summary;
-        for (const ProcessorLogLine& line : processor.lines) {
-            EXPECT_EQ(line.level, 4u) << line.text;
-            summary.push_back(line.function == kSummaryFn ? line.text
-                              : line.function == kFixedFn ? Fixed(line.text)
-                                                          : "[Extended] " + line.text);
-        }
-        return summary;
-    }
-
-    ScopedFakeTdh tdh_;
-    ManualTimerService timers_;
-    FakeClock clock_;
-    FakeAccounts accounts_;
-};
-
-TEST_F(SessionSummaryTest, SummarisesACompleteLogon) {
-    SESSION_CONTEXT session;
-    session.sessionId = 2;
-    session.userName = L"alice";
-    session.timingPoints = {
-        {L"WL_NotifyExecute_CreateSession_Start", At(0)},
-        {L"WL_NotifyExecute_CreateSession_Stop", At(0, 300)},
-        {L"WL_NotifyExecute_Login_Start", At(1)},
-        {L"WL_CallSubscriber_Profiles_Login_Start", At(1, 100)},
-        {L"PROFILE_SYNC_START", At(1, 500)},
-        {L"PROFILE_SYNC_STOP", At(4, 250)},
-        {L"PROFILE_HIVE_LOADED", At(4, 600)},
-        {L"PROFILE_CLASSES_HIVE_LOADED", At(4, 900)},
-        {L"WL_CallSubscriber_Profiles_Login_Stop", At(5)},
-        {L"WL_CallSubscriber_GPClient_Login_Start", At(5, 10)},
-        {L"WL_CallSubscriber_GPClient_Login_Stop", At(12)},
-        {L"WL_NotifyExecute_Login_Stop", At(12, 500)},
-        {L"WL_NotifyExecute_StartShell_Start", At(13)},
-        {L"WL_NotifyExecute_StartShell_Stop", At(14)},
-        {L"WL_USERINIT_STOP", At(15)},
-        {L"Explorer_Initialized_Stop", At(20)},
-    };
-    session.namedDurations = {{L"User Policy Time", int32_t{7}},
-                              {L"Group Policy Logon Script Time", 2.5f}};
-    session.asyncPolicies = 1;
-    session.syncPolicies = 2;
-    session.changedPolicies = 1;
-    session.failedPolicies = 3;
-    session.cseDurations = {{L"Registry", 1200}, {L"Scripts", 250}};
-
-    const std::string header = Header(L"alice", 2);
-    EXPECT_THAT(
-        Summary(session),
-        ElementsAreArray(Concat({
-            {header, Top("CreateSession", At(0), At(0, 300), "0.30"),
-             Top("Login", At(1), At(12, 500), "11.50"),
-             // In the order they ran.
-             Nested("Profiles", At(1, 100), At(5), "3.90"),
-             Nested("GPClient", At(5, 10), At(12), "6.99"),
-             Top("StartShell", At(13), At(14), "1.00"),
-             Top("ProfileSync", At(1, 500), At(4, 250), "2.75"),
-             Top("UserHiveLoad", At(4, 250), At(4, 900), "0.65"),
-             Top("ShellInit", At(15), At(20), "5.00"), Top("TotalLogon", At(1), At(20), "19.00"),
-             Fixed("Profile Sync Time: 2.75 seconds"),
-             Fixed("Logon Start To User Hive Loaded Time: 3.60 seconds"),
-             Fixed("Logon Start To User Classes Hive Loaded Time: 3.90 seconds"),
-             Fixed("Shell Load Time: 7.00 seconds"), "Group Policy Logon Script Time: 2.50 seconds",
-             "User Policy Time: 7ms"},
-            PolicyBlock(1, 2, 3, 1, 1450),
-            {"     CSE: 'Registry' Duration: 1200ms", "     CSE: 'Scripts' Duration: 250ms",
-             "[Extended] extended 2", std::string(header.size(), '*')},
-        })));
+Lines PolicyBlock(int async, int sync, int failed, int changed, int totalMs) {
+    return Sums({"Group Policy Summary: ", "   Async. Policies: " + std::to_string(async),
+                 "   Sync. Policies: " + std::to_string(sync),
+                 "   Failed Policies: " + std::to_string(failed),
+                 "   Changed Policies: " + std::to_string(changed),
+                 "   Group Policy CSE Total Time: " + std::to_string(totalMs) + "ms"});
+}
+Lines Footer(uint32_t sessionId, size_t headerSize) {
+    return {"4 Extended: extended " + std::to_string(sessionId), Sum(std::string(headerSize, '*'))};
 }
 
-// As Windows reports them: policy Booleans, the script host's FILETIMEs and
-// machine policy under an activity of its own all reach the summary.
-TEST_F(SessionSummaryTest, ALogonAsWindowsReportsItShowsPolicyAndScriptFigures) {
+using SessionSummaryTest = ProcessorFixture;
+
+// The summary's lines for `session`, as a fresh processor writes them.
+Lines Summary(RecordingProcessor& processor, SESSION_CONTEXT& session) {
+    processor.lines.clear();
+    processor.LogSummary(session);
+    return processor.Logged();
+}
+
+TestEvent Event(const wchar_t* provider, uint16_t id, uint64_t time,
+                std::vector<PropertyDefinition> properties, std::optional<uint32_t> session = 2) {
+    TestEvent event;
+    event.provider = provider;
+    event.id = id;
+    event.time = time;
+    event.session = session;
+    event.properties = std::move(properties);
+    return event;
+}
+
+// One logon as Windows reports it, from CreateSession to the shell, with
+// profile, policy, logon script, session manager and agent events between.
+TEST_F(SessionSummaryTest, ALogonBecomesItsLogLinesAndSummary) {
     using namespace logonmon::etw;
-    auto event = [](const wchar_t* provider, uint16_t id, std::optional<uint32_t> session,
-                    std::optional<std::wstring> activity, std::vector<PropertyDefinition> values) {
-        TestEvent e;
-        e.provider = provider;
-        e.id = id;
-        e.session = session;
-        e.activity = std::move(activity);
-        e.properties = std::move(values);
-        return e;
-    };
-    auto typed = [](const wchar_t* name, uint16_t inType, std::vector<uint8_t> value) {
-        return PropertyDefinition{name, inType, 0, std::move(value)};
+    accounts_.accounts[kAliceSid] = {L"CORP", L"alice"};
+    auto profile = [](uint16_t id, uint64_t time, std::vector<PropertyDefinition> properties) {
+        TestEvent event = Event(kUserProfilesGuid, id, time, std::move(properties), 0);
+        event.sid = kAliceSid;
+        event.thread = 0x300;
+        return event;
     };
     const std::wstring userPolicy = L"6c1c5d1e-7a39-4d4c-9a0b-3a4b5c6d7e8f";
-    const std::vector<PropertyDefinition> host = {UInt32Property(L"ProcessID", 300),
-                                                  StringProperty(L"ImageName", L"gpscript.exe")};
-    SummaryProcessor processor(logonmon::SESSION_CONFIG{},
-                               logonmon::ProcessorServices{&timers_, &clock_, &accounts_});
-    for (const TestEvent& e :
-         {CreateSession(2, kAliceSid, At(0)),
-          event(kGroupPolicyGuid, 4016, 2, userPolicy,
-                {StringProperty(L"CSEExtensionName", L"Scripts"),
-                 typed(L"IsExtensionAsyncProcessing", kInTypeBoolean, UInt32Bytes(0)),
-                 typed(L"IsGPOListChanged", kInTypeBoolean, UInt32Bytes(1))}),
-          event(kKernelProcessGuid, 1, 2, std::nullopt, host),
-          event(kKernelProcessGuid, 2, 2, std::nullopt,
-                {host[0], typed(L"CreateTime", kInTypeFileTime, UInt64Bytes(At(2))),
-                 typed(L"ExitTime", kInTypeFileTime, UInt64Bytes(At(4, 500)))}),
-          event(kGroupPolicyGuid, 5016, std::nullopt, userPolicy,
-                {StringProperty(L"CSEExtensionName", L"Scripts"),
-                 UInt32Property(L"CSEElaspedTimeInMilliSeconds", 2600)}),
-          event(kGroupPolicyGuid, 8004, std::nullopt, L"0f0e0d0c-0b0a-0908-0706-050403020100",
-                {UInt32Property(L"PolicyElaspedTimeInSeconds", 9)}),
-          NotifyStop(kStartShell, 2, At(8)), ShellInitialized(2, At(10))}) {
-        processor.Feed(e);
-    }
-    ASSERT_EQ(processor.endedSessions.size(), 1u);
-    EXPECT_THAT(Summary(processor.endedSessions[0]),
-                ::testing::IsSupersetOf(Concat(
-                    {{"Group Policy Logon Script Time: 2.50 seconds", "Machine Policy Time: 9ms"},
-                     PolicyBlock(0, 1, 0, 1, 2600),
-                     {"     CSE: 'Scripts' Duration: 2600ms"}})));
-}
-
-TEST_F(SessionSummaryTest, DurationsInSinglePrecisionAndNamedDurationsInBothKinds) {
-    SESSION_CONTEXT session;
-    session.sessionId = 3;
-    session.userName = L"carol";
-    session.timingPoints = {
-        // Stopped before it started: the unsigned difference wraps.
-        {L"PROFILE_SYNC_START", At(10)},
-        {L"PROFILE_SYNC_STOP", At(9)},
-        {L"WL_NotifyExecute_Login_Start", At(1)},
-        {L"PROFILE_HIVE_LOADED", At(1) + 1'234'567'890},
-        // A zero point counts as missing.
-        {L"PROFILE_CLASSES_HIVE_LOADED", 0},
-        {L"WFR_APPLY_START", At(30)},
-        {L"WFR_APPLY_STOP", At(30, 450)},
+    auto policy = [&userPolicy](uint16_t id, std::vector<PropertyDefinition> properties,
+                                std::optional<uint32_t> session = std::nullopt) {
+        TestEvent event = Event(kGroupPolicyGuid, id, At(6), std::move(properties), session);
+        event.activity = userPolicy;
+        return event;
     };
-    session.namedDurations = {{L"Machine Policy Time", int32_t{3}},
-                              {L"Group Policy PS Logon Script Time", 4.25f},
-                              {L"User Policy Time", int32_t{-1}}};
-    session.cseDurations = {{L"Scripts", 250}, {L"Drive Maps", 4000}};
+    auto started = [&policy](const wchar_t* name, PropertyDefinition async,
+                             PropertyDefinition changed) {
+        return policy(4016, {StringProperty(L"CSEExtensionName", name), async, changed}, 2);
+    };
+    auto finished = [&policy](const wchar_t* name, PropertyDefinition ms, uint32_t error) {
+        return policy(5016, {StringProperty(L"CSEExtensionName", name), ms,
+                             UInt32Property(L"ErrorCode", error)});
+    };
+    auto boolean = [](const wchar_t* name, uint32_t value) {
+        return PropertyDefinition{name, kInTypeBoolean, 0, UInt32Bytes(value)};
+    };
+    auto text = [](const wchar_t* name, const std::wstring& value) {
+        return StringProperty(name, value);
+    };
+    auto host = [](uint16_t id, uint32_t pid, std::vector<PropertyDefinition> more) {
+        more.insert(more.begin(), UInt32Property(L"ProcessID", pid));
+        return Event(kKernelProcessGuid, id, At(9), std::move(more));
+    };
+    auto fileTime = [](const wchar_t* name, uint64_t value) {
+        return PropertyDefinition{name, kInTypeFileTime, 0, UInt64Bytes(value)};
+    };
+    const std::wstring gpscript = L"\\Device\\HarddiskVolume3\\Windows\\System32\\gpscript.exe";
+    const std::wstring powershell = L"C:\\Windows\\System32\\powershell.exe";
+    const std::wstring folder = L"C:\\Users\\alice\\";
+    // A Winlogon event of another kind that names a notification is no phase.
+    TestEvent otherWinlogon = NotifyStop(kLogin, 2, At(30));
+    otherWinlogon.id = 803;
+    // Machine policy runs under an activity of its own and reaches every open
+    // session.
+    TestEvent machinePolicy =
+        Event(kGroupPolicyGuid, 8004, At(17), {UInt32Property(L"PolicyElaspedTimeInSeconds", 9)});
+    machinePolicy.activity = L"0f0e0d0c-0b0a-0908-0706-050403020100";
+    TestEvent userinit = Event(kWinlogonGuid, 10, At(15), {});
 
-    const std::string header = Header(L"carol", 3);
+    auto& processor = Processor();
+    processor.Feed({
+        CreateSession(2, kAliceSid, At(0)),
+        NotifyStop(kCreateSession, 2, At(0, 300)),
+        Login(2, kAliceSid, At(1)),
+        SubscriberEvent(811, 1, kLogin, L"Profiles", 2, At(1, 100)),
+        profile(6, At(1, 500), {text(L"Source", L"\\\\fs\\p\\alice"), text(L"Target", folder)}),
+        profile(7, At(4, 250), {}),
+        // The profile service names the hives in exactly this case.
+        profile(5, At(4, 500), {text(L"File", folder + L"ntuser.dat")}),
+        profile(5, At(4, 600), {text(L"File", folder + L"NTUSER.DAT")}),
+        profile(5, At(4, 700), {text(L"File", folder + L"UsrClass.dat")}),
+        profile(5, At(4, 900), {text(L"File", folder + L"USRCLASS.DAT")}),
+        profile(67, At(4, 950), {text(L"LocalPath", L"C:\\Users\\alice")}),
+        profile(67, At(4, 960), {text(L"LocalPath", L"C:\\Users\\TEMP")}),
+        SubscriberEvent(812, 2, kLogin, L"Profiles", 2, At(5)),
+        SubscriberEvent(811, 1, kLogin, L"GPClient", 2, At(5, 10)),
+        // Policy Booleans as numbers, as text from older providers.
+        started(L"Registry", boolean(L"IsExtensionAsyncProcessing", 0),
+                boolean(L"IsGPOListChanged", 1)),
+        started(L"Scripts", text(L"IsExtensionAsyncProcessing", L"-1"),
+                text(L"IsGPOListChanged", L"True")),
+        started(L"Drive Maps", text(L"IsExtensionAsyncProcessing", L"true"),
+                text(L"IsGPOListChanged", L"00")),
+        started(L"Printers", text(L"IsExtensionAsyncProcessing", L""),
+                text(L"IsGPOListChanged", L"false")),
+        finished(L"Registry", UInt32Property(L"CSEElaspedTimeInMilliSeconds", 1200), 0),
+        finished(L"Registry", text(L"CSEElaspedTimeInMilliSeconds", L"34"), 0),
+        finished(L"Scripts", text(L"CSEElaspedTimeInMilliSeconds", L"250"), 0x80070005),
+        finished(L"Scripts", text(L"CSEElaspedTimeInMilliSeconds", L"n/a"), 0),
+        finished(L"Drive Maps", text(L"CSEElaspedTimeInMilliSeconds", L"-1"), 0),
+        policy(8001, {UInt32Property(L"PolicyElaspedTimeInSeconds", 7)}),
+        host(1, 100, {UInt32Property(L"ParentProcessID", 50), text(L"ImageName", gpscript)}),
+        host(1, 200, {UInt32Property(L"ParentProcessID", 50), text(L"ImageName", L"GPSCRIPT.EXE")}),
+        host(1, 300, {UInt32Property(L"ParentProcessID", 200), text(L"ImageName", powershell)}),
+        host(2, 100,
+             {text(L"ImageName", L"gpscript.exe"), fileTime(L"CreateTime", At(9)),
+              fileTime(L"ExitTime", At(11, 500))}),
+        host(2, 200,
+             {text(L"ImageName", L"gpscript.exe"), text(L"CreateTime", L"2024-03-01T08:00:10:000Z"),
+              text(L"ExitTime", L"2024-03-01T08:00:14:250Z")}),
+        SubscriberEvent(812, 2, kLogin, L"GPClient", 2, At(12)),
+        NotifyStop(kLogin, 2, At(12, 500)),
+        otherWinlogon,
+        Event(kSessionManagerGuid, 21, At(12, 600),
+              {text(L"User", L"CORP\\alice"), text(L"SessionID", L"2"),
+               text(L"Address", L"10.1.2.3")},
+              0),
+        NotifyStart(kStartShell, 2, At(13)),
+        NotifyStop(kStartShell, 2, At(14)),
+        userinit,
+        AgentEvent(11, 132, 2, At(16)),
+        machinePolicy,
+        // Other shell events do not tell that the shell is up.
+        {.provider = kShellCoreGuid, .id = 9601, .opcode = 2, .time = At(18), .session = 2},
+        {.provider = kShellCoreGuid, .id = 9602, .opcode = 1, .time = At(19), .session = 2},
+        ShellInitialized(2, At(20)),
+    });
+
+    const std::string host100 = "Name: " + logonmon::Utf8FromWide(gpscript) + ", Pid: 100";
+    // FILETIME properties are written in local time.
+    const std::string local = logonmon::Utf8FromWide(logonmon::TimestampText(At(11, 500), true));
     EXPECT_THAT(
-        Summary(session),
+        processor.Logged(),
+        ElementsAreArray(Lines{
+            "5 Winlogon_CreateSession: Session Initialized Successfully: sessionId=2",
+            "5 Winlogon_Login_Started: Received User Logon Event",
+            "5 Winlogon_Login_Started: SID: " + logonmon::Utf8FromWide(kAliceSid) + ". sessionId=2",
+            "4 Winlogon_Login_Started: LOGON: User: CORP\\alice",
+            "5 Process_Started: Found Logon Script Parent: " + host100 + ", Sessiond: 2",
+            "5 Process_Started: Found Logon Script Parent: Name: GPSCRIPT.EXE, Pid: 200, "
+            "Sessiond: 2",
+            "5 Process_Exited: Logon Script Process Terminated: Name: gpscript.exe, "
+            "Process Id: 100, Parent Id: 50, Timestamp: " +
+                local +
+                ", "
+                "Sessiond: 2",
+            "5 Process_Exited: Group Policy Logon Script Time: 2.50 Seconds",
+            "5 Process_Exited: Powershell Script Process Terminated: Name: gpscript.exe, "
+            "Process Id: 200, Parent Id: 50, Timestamp: 2024-03-01T08:00:14:250Z, "
+            "SessionID: 2",
+            "5 Process_Exited: Group Policy Powershell Script Time: 4.25 Seconds",
+            "4 Tessera_SessionAttached: Tessera Session Attached",
+            "4 Explorer_Initialized: Shell Initialized",
+        }));
+    EXPECT_EQ(processor.logonStarts, (std::vector<uint32_t>{2}));
+    ASSERT_EQ(processor.endedSessions.size(), 1u);
+    SESSION_CONTEXT& ended = processor.endedSessions[0];
+    EXPECT_EQ(ended.profileFinished, 0xFFFFFFFFu);
+    EXPECT_EQ(ended.profileSyncSource + L"|" + ended.profileSyncTarget + L"|" +
+                  ended.localProfilePath + L"|" + ended.clientUser + L"|" + ended.clientAddress,
+              L"\\\\fs\\p\\alice|" + folder + L"|C:\\Users\\alice|CORP\\alice|10.1.2.3");
+
+    const std::string header =
+        "****************** Session Summary (User=alice, sessionId=2) "
+        "*****************";
+    EXPECT_THAT(
+        Summary(processor, ended),
         ElementsAreArray(Concat({
-            {header, Top("ProfileSync", At(10), At(9), "1844674428928.00"),
-             Top("UserHiveLoad", At(9), At(1) + 1'234'567'890, "115.46"),
-             Top("FolderRedirection", At(30), At(30, 450), "0.45"),
-             Fixed("Profile Sync Time: 1844674428928.00 seconds"),
-             Fixed("Logon Start To User Hive Loaded Time: 123.46 seconds"),
-             Fixed("Windows Folder Redirection Apply Time: 0.45 seconds"),
-             "Group Policy PS Logon Script Time: 4.25 seconds", "Machine Policy Time: 3ms",
-             "User Policy Time: -1ms"},
-            PolicyBlock(0, 0, 0, 0, 4250),
-            {"     CSE: 'Drive Maps' Duration: 4000ms", "     CSE: 'Scripts' Duration: 250ms",
-             "[Extended] extended 3", std::string(header.size(), '*')},
+            Sums({header, Row("CreateSession", At(0), At(0, 300), "0.30"),
+                  Row("Login", At(1), At(12, 500), "11.50"),
+                  // In the order they ran.
+                  Row("Profiles", At(1, 100), At(5), "3.90", true),
+                  Row("GPClient", At(5, 10), At(12), "6.99", true),
+                  Row("StartShell", At(13), At(14), "1.00"),
+                  Row("ProfileSync", At(1, 500), At(4, 250), "2.75"),
+                  Row("UserHiveLoad", At(4, 250), At(4, 700), "0.45"),
+                  Row("ShellInit", At(15), At(20), "5.00"),
+                  Row("TotalLogon", At(1), At(20), "19.00")}),
+            {Fixed("Profile Sync Time: 2.75 seconds"),
+             Fixed("Logon Start To User Hive Loaded Time: 3.50 seconds"),
+             Fixed("Logon Start To User Classes Hive Loaded Time: 3.70 seconds"),
+             Fixed("Shell Load Time: 7.00 seconds")},
+            Sums({"Group Policy Logon Script Time: 2.50 seconds",
+                  "Group Policy PS Logon Script Time: 4.25 seconds", "Machine Policy Time: 9ms",
+                  "Total Group Policy Logon Script Time: 6.75 seconds", "User Policy Time: 7ms"}),
+            PolicyBlock(2, 2, 1, 2, 1484),
+            Sums({"     CSE: 'Drive Maps' Duration: 0ms", "     CSE: 'Registry' Duration: 1234ms",
+                  "     CSE: 'Scripts' Duration: 250ms"}),
+            Footer(2, header.size()),
         })));
 }
 
-TEST_F(SessionSummaryTest, BareSessionKeepsThePolicyBlockAndAFooterAsLongAsTheHeader) {
-    // Without the Login event the name is looked up from the SID.
+// Unfinished phases are left out; the footer is as long as the header in
+// characters. A name is looked up from the SID only when there is none.
+TEST_F(SessionSummaryTest, BareSessionsKeepThePolicyBlockAndAMatchingFooter) {
     accounts_.accounts[kBobSid] = {L"CORP", L"bob"};
     const struct {
         std::wstring name;
@@ -270,17 +290,16 @@ TEST_F(SessionSummaryTest, BareSessionKeepsThePolicyBlockAndAFooterAsLongAsTheHe
         if (sid != nullptr) {
             session.userSid = logonmon::Sid::FromString(sid);
         }
-        // Phases that started and never ended.
         session.timingPoints = {{L"WL_NotifyExecute_Login_Start", At(1)},
                                 {L"PROFILE_SYNC_START", At(2)},
                                 {L"WL_NotifyExecute_StartShell_Start", At(3)}};
-        const std::string header = Header(shown, sessionId);
-        const size_t wideLength = Formatted("%ws", shown.c_str()).size() - shown.size();
-        EXPECT_THAT(Summary(session),
-                    ElementsAreArray(Concat({{header},
+        const std::wstring header = L"****************** Session Summary (User=" + shown +
+                                    L", sessionId=" + std::to_wstring(sessionId) +
+                                    L") *****************";
+        EXPECT_THAT(Summary(Processor(), session),
+                    ElementsAreArray(Concat({{Sum(Formatted("%ws", header.c_str()))},
                                              PolicyBlock(0, 0, 0, 0, 0),
-                                             {"[Extended] extended " + std::to_string(sessionId),
-                                              std::string(header.size() - wideLength, '*')}})));
+                                             Footer(sessionId, header.size())})));
     }
 }
 
@@ -305,18 +324,25 @@ TEST(SessionTimelineTest, RowsAndFixedPhases) {
          {{L"WL_NotifyExecute_Login_Start", At(2)},
           {L"WL_CallSubscriber_Sens_Login_Start", At(3)},
           {L"WL_CallSubscriber_Login_Stop", At(4)},
+          {L"WL_CallSubscriber__Login_Start", At(4)},
+          {L"WL_CallSubscriber__Login_Stop", At(5)},
           {L"WL_NotifyExecute_Login_Stop", At(13)},
           {L"WL_NotifyExecute_Logoff_Start", At(40)},
           {L"WL_CallSubscriber_Profiles_Logoff_Start", At(40)},
           {L"WL_CallSubscriber_Profiles_Logoff_Stop", At(41)},
           {L"WL_NotifyExecute_Logoff_Stopped", At(42)}},
-         {Top("Login", At(2), At(13), "11.00")}},
-        {"no profile sync: the hive load starts with the Profiles subscriber",
+         {Row("Login", At(2), At(13), "11.00")}},
+        {"no profile sync: the hive load starts with the Profiles subscriber; subscriber names "
+         "may hold \"_\"",
          {{L"WL_NotifyExecute_Login_Start", At(1)},
           {L"WL_CallSubscriber_Profiles_Login_Start", At(2)},
+          {L"WL_CallSubscriber_App_X_Login_Start", At(3)},
+          {L"WL_CallSubscriber_App_X_Login_Stop", At(4)},
+          {L"WL_NotifyExecute_Login_Stop", At(4)},
           {L"PROFILE_HIVE_LOADED", At(5)},
           {L"WL_NotifyExecute_StartShell_Stop", At(21)}},
-         {Top("UserHiveLoad", At(2), At(5), "3.00"), Top("TotalLogon", At(1), At(21), "20.00")}},
+         {Row("Login", At(1), At(4), "3.00"), Row("App_X", At(3), At(4), "1.00", true),
+          Row("UserHiveLoad", At(2), At(5), "3.00"), Row("TotalLogon", At(1), At(21), "20.00")}},
         {"zero points count as missing",
          {{L"WL_NotifyExecute_Login_Start", At(1)},
           {L"PROFILE_SYNC_START", 0},
@@ -324,21 +350,28 @@ TEST(SessionTimelineTest, RowsAndFixedPhases) {
           {L"WL_USERINIT_STOP", 0},
           {L"WL_NotifyExecute_StartShell_Stop", At(21)},
           {L"Explorer_Initialized_Stop", 0}},
-         {Top("TotalLogon", At(1), At(21), "20.00")}},
+         {Row("TotalLogon", At(1), At(21), "20.00")}},
         {"the agent attaches after the shell: the user waited for it",
          {{L"WL_NotifyExecute_Login_Start", At(1)},
           {L"WL_NotifyExecute_StartShell_Stop", At(21)},
           {L"Explorer_Initialized_Stop", At(30)},
           {L"TX_ATTACHED", At(33)}},
-         {Top("ShellInit", At(21), At(30), "9.00"), Top("TotalLogon", At(1), At(33), "32.00")}},
+         {Row("ShellInit", At(21), At(30), "9.00"), Row("TotalLogon", At(1), At(33), "32.00")}},
         {"the agent attaches before the shell is up",
          {{L"WL_NotifyExecute_Login_Start", At(1)},
           {L"TX_ATTACHED", At(25)},
           {L"Explorer_Initialized_Stop", At(30)}},
-         {Top("TotalLogon", At(1), At(30), "29.00")}},
+         {Row("TotalLogon", At(1), At(30), "29.00")}},
         {"application session without a shell",
          {{L"WL_NotifyExecute_Login_Start", At(1)}, {L"TX_ATTACHED", At(26)}},
-         {Top("TotalLogon", At(1), At(26), "25.00")}},
+         {Row("TotalLogon", At(1), At(26), "25.00")}},
+        {"a stop before its start wraps round; no handler sets folder redirection",
+         {{L"PROFILE_SYNC_START", At(10)},
+          {L"PROFILE_SYNC_STOP", At(9)},
+          {L"WFR_APPLY_START", At(30)},
+          {L"WFR_APPLY_STOP", At(30, 450)}},
+         {Row("ProfileSync", At(10), At(9), "1844674428928.00"),
+          Row("FolderRedirection", At(30), At(30, 450), "0.45")}},
         {"nothing", {}, {}},
     };
     for (const Case& c : cases) {

@@ -1,6 +1,7 @@
 #include "tools/replay/ReplayProcessor.h"
 
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 
 #include "logonmon/CurrentRecord.h"
@@ -21,6 +22,15 @@ logonmon::SESSION_CONFIG TraceFileConfig() {
     config.realTime = false;
     config.logEveryEvent = true;
     return config;
+}
+
+// glibc's mktime, which the processor calls for process times, re-reads the
+// zone file on every call while TZ is unset; naming the same file reads it
+// once. A TZ of the user's own is left alone.
+void PinLocalTimeZone() {
+#ifdef __GLIBC__
+    setenv("TZ", ":/etc/localtime", 0);
+#endif
 }
 
 // FNV-1a, 64 bits.
@@ -45,7 +55,9 @@ std::string Format(const char* format, ...) {
 ReplayProcessor::ReplayProcessor(std::filesystem::path folder, std::string traceName)
     : LogonProcessor(TraceFileConfig()),
       folder_(std::move(folder)),
-      traceName_(std::move(traceName)) {}
+      traceName_(std::move(traceName)) {
+    PinLocalTimeZone();
+}
 
 void ReplayProcessor::Finish() {
     RunSessionTimeoutCheck(true);
@@ -90,7 +102,7 @@ void ReplayProcessor::OnLogonEnd(logonmon::SESSION_CONTEXT& session) {
     const auto log = logs_.find(&session);
     if (log != logs_.end()) {
         settled.logPath = log->second->Path();
-        settled.logWritten = log->second->Good();
+        settled.logWritten = log->second->Flush();
         logs_.erase(log);
     }
     settled_.push_back(std::move(settled));
