@@ -27,7 +27,8 @@ std::wstring Decode(PropertyDefinition property, const wchar_t* provider = kOthe
     try {
         const logonmon::EventRecordData data(
             builder.Provider(provider).Property(property).Record());
-        return data.properties.at(name);
+        const auto found = data.properties.find(name);
+        return found != data.properties.end() ? found->second : L"(absent)";
     } catch (const std::runtime_error& error) {
         return logonmon::WideFromAnsi(error.what());
     }
