@@ -130,10 +130,13 @@ class EtlParser {
 
     std::string ReadLogFileHeader() {
         constexpr size_t kRecord = kBufferHeaderSize;
-        if (size_ < kRecord + kSystemHeaderSize + kLogTail32.size) {
+        const auto tooShort = [this] {
             return AtOffset(
                 "a file of " + std::to_string(size_) + " bytes is too short for a log-file header",
                 0);
+        };
+        if (size_ < kRecord + kSystemHeaderSize + kLogTail32.size) {
+            return tooShort();
         }
         bufferSize_ = Load<uint32_t>(data_ + kBufferSizeOffset);
         if (bufferSize_ < kRecord + kSystemHeaderSize + kLogTail64.size ||
@@ -148,6 +151,9 @@ class EtlParser {
             return AtOffset("the first record is not a log-file header", kRecord);
         }
         const LogFileHeaderTail& tail = type == kSystem64 ? kLogTail64 : kLogTail32;
+        if (size_ < kRecord + kSystemHeaderSize + tail.size) {
+            return tooShort();
+        }
         if (Load<uint16_t>(record + kSystemSizeOffset) < kSystemHeaderSize + tail.size) {
             return AtOffset("the log-file header is cut short", kRecord);
         }

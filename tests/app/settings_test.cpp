@@ -1,14 +1,9 @@
 #include <gtest/gtest.h>
-
 #include <windows.h>
 
-#include <cstdint>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "app/LogSettings.h"
-#include "app/Settings.h"
 #include "tests/support/LogFiles.h"
 
 namespace plmx::testing {
@@ -68,18 +63,13 @@ TEST(SettingsTest, LoadTakesValuesOfTheirTypeClampedAndKeepsTheDefaultsOtherwise
     } cases[] = {
         {L"LogHistoryDepth", REG_DWORD, Dword(0), "LogHistoryDepth", L"1", 2},
         {L"LogHistoryDepth", REG_DWORD, Dword(11), "LogHistoryDepth", L"10", 2},
-        {L"LogHistoryDepth", REG_BINARY, Dword(40), "LogHistoryDepth", L"40", 2},
         {L"LogMaxSizeMB", REG_DWORD, Dword(0), "LogMaxSize", L"1000000", 2},
         {L"LogMaxSizeMB", REG_DWORD, Dword(5000), "LogMaxSize", L"1000000000", 2},
         {L"LogMaxSizeMB", REG_BINARY, Dword(25), "LogMaxSize", L"25", 2},
-        {L"LogMaxSizeMB", REG_BINARY, Bytes{1, 0, 0, 0, 0}, "LogMaxSize", L"100000000", 2},
         {L"LogLevel", REG_DWORD_BIG_ENDIAN, Bytes{0, 0, 0, 3}, "LogLevel", L"50331648", 2},
-        {L"LogLevel", REG_SZ, Text(L"12"), "LogLevel", L"31", 2},
         {L"Flags", REG_SZ, Text(L"a"), "Flags", L"97", 2},
         {L"LogPath", REG_EXPAND_SZ, Text(L"%SystemRoot%\\Logs"), "LogPath",
          L"\\\\?\\" + root + L"\\Logs\\", 2},
-        {L"LogPath", REG_SZ, Text(L"\\\\?\\D:\\L"), "LogPath", L"\\\\?\\D:\\L\\", 2},
-        {L"LogPath", REG_SZ, Text(L"D:\\logs/"), "LogPath", L"\\\\?\\D:\\logs/", 2},
         {L"LogPath", REG_DWORD, Dword(7), "LogPath", folder + L"Logs\\", 2},
         {L"DataDir", REG_EXPAND_SZ, Text(L"%SystemRoot%\\" + longName), "DataDir",
          L"\\\\?\\" + root + L"\\" + longName + L"\\", 2},
@@ -110,51 +100,6 @@ TEST(SettingsTest, LoadTakesValuesOfTheirTypeClampedAndKeepsTheDefaultsOtherwise
         }
     }
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, kSettingsKeyPath);
-
-    Settings settings;
-    EXPECT_EQ(settings.GetRemoteLogPath(nullptr), L"");
-    settings.RemoteLogPath = L"%SystemRoot%\\share\\%ProgramData%";
-    EXPECT_EQ(settings.GetRemoteLogPath(nullptr), root + L"\\share\\" + Env(L"ProgramData"));
-}
-
-TEST(SettingsTest, SettingsBlockIsWrittenInOrder) {
-    TempFolder logs;
-    const ScopedMainLog mainLog(logs.Path());
-    ComputerNames::Instance() = {L"DESK01", L"desk01.corp.example"};
-    Settings& settings = Settings::Instance();
-    settings.LogHistoryDepth = 7;
-    settings.LogMaxSize = 5000000;
-    settings.RemoteLogPath = L"%SystemRoot%\\share";
-    settings.DataDir = L"\\\\?\\C:\\data\\";
-    const std::string remote = "Remote Log Path: " + Narrow(Env(L"SystemRoot")) + "\\share";
-    const struct {
-        uint32_t flags;
-        uint32_t runtimeFlags;
-        std::string remoteLine;
-        std::string flagsLine;
-    } cases[] = {
-        {0x00F, 0x100, remote,
-         "Flags: 0x10F: PLMX_DISABLE_MEMORY_DUMPS | PLMX_ENABLE_LOOM_INTEGRATION | "
-         "PLMX_ENABLE_CPU_MEMORY_TIMINGS | PLMX_ENABLE_PROCESS_TIMINGS"},
-        {0x000, 0x010, "Remote Log Path: See Below", "Flags: 0x10: PLMX_ENABLE_USER_LOG_FOLDERS"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.flagsLine);
-        settings.Flags = c.flags;
-        settings.RuntimeFlags = c.runtimeFlags;
-        const size_t before = LinesFrom(mainLog.Path(), "LogSettings").size();
-        LogSettings(nullptr);
-        const Lines lines = LinesFrom(mainLog.Path(), "LogSettings");
-        EXPECT_EQ(
-            Lines(lines.begin() + before, lines.end()),
-            (Lines{"TRACE Log Level: 0x1F: Error | Info | Debug | Trace | Fatal",
-                   "TRACE Log History Depth: 7", "TRACE Log Path: " + Narrow(settings.LogPath),
-                   "TRACE Main Log Path: " + Narrow(MainLogPath()),
-                   "TRACE Main Log Max Size: 5000000", "TRACE " + c.remoteLine,
-                   "TRACE Data Dir: \\\\?\\C:\\data\\", "TRACE " + c.flagsLine,
-                   "TRACE Computer Name: DESK01", "TRACE FQDN: desk01.corp.example"}));
-    }
-    ComputerNames::Instance() = {};
 }
 
 }  // namespace

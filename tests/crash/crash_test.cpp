@@ -1,15 +1,10 @@
-// A program that installs the crash handler and faults, run as its own
-// process: its log lines, its dump and the purge of dumps of the older naming.
 #include <windows.h>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <string>
 
-#include "crash/DumpName.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogFiles.h"
 
@@ -60,10 +55,6 @@ TEST(CrashTest, FaultsAreLoggedAndDumpedUnlessDumpsAreOffADumpPurgingTheOlderNam
                             "INFO [NRVPurgeDumps] Found " + prefix + kOldSchemeFolder,
                             "ERROR [NRVGenerateDumpEx] Opened Dump File: " + prefix + dump,
                             "INFO [NRVGenerateDumpEx] MiniDumpWriteDump Succeeded"));
-}
-
-TEST(CrashTest, ExceptionsTheSystemCannotNameAreUnknown) {
-    EXPECT_EQ(ExceptionName(0x2BADC0DE), L"UNKNOWN");
 }
 
 }  // namespace

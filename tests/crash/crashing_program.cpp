@@ -1,12 +1,9 @@
-// Installs the crash handler as the service does and faults.
-// Usage: crashing_program <folder of the log and of the data folder "dumps"> dumps|nodumps
-// The dump's clock reads 2 March 2024 14:03:07.089, and in place of the dump
-// (which Wine writes at a few megabytes a minute) the file gets a line naming
+// Usage: crashing_program <folder of the log and of "dumps"> dumps|nodumps
+// Instead of a dump (Wine writes a few megabytes a minute) the file names
 // what was asked for: "type 0x<type> thread <id> pointers <n>".
 #include <windows.h>
 
 #include <cstdio>
-#include <string>
 
 #include "app/Settings.h"
 #include "crash/CrashHandler.h"
@@ -30,8 +27,7 @@ class TestCrashSystem : public CrashSystem {
     }
 };
 
-// Ends the process with the fault's code once the handler lets the fault go
-// on, as the system does, but without the debugger Wine would start.
+// Ends with the fault's code as the system would, without Wine's debugger.
 LPTOP_LEVEL_EXCEPTION_FILTER handler = nullptr;
 
 LONG WINAPI EndWithoutDebugger(EXCEPTION_POINTERS* pointers) {
@@ -46,7 +42,6 @@ LONG WINAPI EndWithoutDebugger(EXCEPTION_POINTERS* pointers) {
 int wmain(int, wchar_t** argv) {
     static TestCrashSystem system;
     Settings& settings = Settings::Instance();
-    // In the long-path form the settings give configured folders.
     settings.LogPath = AddTrailingSeparator(AddLongPathPrefix(argv[1]));
     settings.DataDir = settings.LogPath + L"dumps\\";
     settings.Flags = std::wstring(argv[2]) == L"nodumps" ? FLAG_DISABLE_MEMORY_DUMPS : 0;

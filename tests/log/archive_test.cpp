@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <windows.h>
-
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -10,8 +7,6 @@
 #include <stdexcept>
 
 #include "app/LogSettings.h"
-#include "app/Settings.h"
-#include "log/LogWriter.h"
 #include "log/SessionLog.h"
 #include "log/SessionLogArchive.h"
 #include "tests/support/LogFiles.h"
@@ -25,15 +20,13 @@ namespace {
 constexpr char kArchive[] = "plmx__DESK01_alice_11_23_2026__09_05_07_0042.txt";
 constexpr wchar_t kCopy[] = L"DESK01_alice_3_11_23_2026T09_05_07_0042.txt";
 
-// 23 November 2026, 09:05:07.042 local time.
 SYSTEMTIME FixedTime() {
     return {2026, 11, 1, 23, 9, 5, 7, 42};
 }
 
-// Stands for the user's token: records what is done with it and gives the
-// user's environment, in which %USERNAME% is "alice".
-class FakeUser final : public Impersonation {
-  public:
+// The user's token: records what is done with it; in its environment
+// %USERNAME% is "alice".
+struct FakeUser final : Impersonation {
     bool Impersonate(HANDLE) override {
         calls += "impersonate ";
         return allow;
@@ -56,19 +49,16 @@ void WriteFile(const fs::path& path, const std::string& text) {
     std::ofstream(path, std::ios::binary) << text;
 }
 
-constexpr uint32_t kUserFolders = FLAG_ENABLE_USER_LOG_FOLDERS;
-
 // Session 3's log is archived beside older archives a<i> (of distinct ages,
 // not in name order), its earlier fallback and another computer's archive,
 // then copied to the remote folder, named by %USERNAME%, as the user, who is
 // reverted to the service on every path.
 struct Case {
     const char* name;
-    uint32_t flags = kUserFolders;
+    uint32_t flags = FLAG_ENABLE_USER_LOG_FOLDERS;
     const wchar_t* user = L"alice";
     uint32_t depth = 10;
     int archives = 0;
-    bool searchFails = false;
     bool allow = true;
     const char* text = "lines";     // of the session log
     const char* earlier = nullptr;  // already at the destination
@@ -87,7 +77,6 @@ TEST(ArchiveTest, ArchivesKeepsTheHistoryDepthAndUploadsACopyAsTheUser) {
     const AccessToken token{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
     FakeUser identity;
     const ArchiveSystem system{identity, &FixedTime};
-    // The remote folder through its drive's administrative share.
     const std::wstring unc = L"\\\\localhost\\" + remote.Path().substr(0, 1) + L"$" +
                              remote.Path().substr(2, remote.Path().size() - 3);
     constexpr int kAgeInDays[] = {3, 5, 0, 4, 2};
@@ -119,7 +108,6 @@ TEST(ArchiveTest, ArchivesKeepsTheHistoryDepthAndUploadsACopyAsTheUser) {
         {.name = "history nearly full drops .bak", .depth = 1, .left = {kArchive, other}},
         {.name = "room keeps .bak", .depth = 3, .archives = 1, .left = {a0, kArchive, bak, other}},
         {.name = "SYSTEM", .user = L"SYSTEM", .calls = "", .left = {bak, other}, .copy = nullptr},
-        {.name = "search fails", .searchFails = true, .left = {bak, other}},
         {.name = "service's environment", .flags = 0, .lines = &asService},
         {.name = "user's environment", .lines = &asUser},
         {.name = "never over a file", .earlier = "earlier", .lines = &exists, .copy = "earlier"},
@@ -154,8 +142,6 @@ TEST(ArchiveTest, ArchivesKeepsTheHistoryDepthAndUploadsACopyAsTheUser) {
         fputs(c.text, session.stream);
         Settings::Instance().Flags = c.flags;
         Settings::Instance().LogHistoryDepth = c.depth;
-        Settings::Instance().LogPath =
-            fs::path(log).wstring() + (c.searchFails ? L"missing\\" : L"");
         Settings::Instance().RemoteLogPath = c.remote ? unc + L"\\%USERNAME%" : L"";
         identity.allow = c.allow;
         identity.calls.clear();

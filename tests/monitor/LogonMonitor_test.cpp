@@ -1,16 +1,11 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <new>
-
-#include "log/LogWriter.h"
 #include "tests/monitor/MonitorFixture.h"
 
 namespace plmx::testing {
 namespace {
 
 using ::testing::Contains;
-using ::testing::HasSubstr;
 
 constexpr int kNever = -1;
 constexpr size_t kNone = SIZE_MAX;
@@ -58,12 +53,10 @@ TEST_P(RunRealTimeTest, StartsConsumesAndStopsItsSessions) {
     }
     EXPECT_EQ(control, c.control);
     EXPECT_EQ(control_.enables.size(), c.enables);
-    EXPECT_EQ(consume_.OpenHandles(), 0u);
     EXPECT_EQ(Matching(MainLog(), "ERROR"), *c.error ? Lines{c.error} : Lines{});
 }
 
 const RealTimeCase kRealTimeCases[] = {
-    {"TimingOnly", 0, 0, kNone, 0, kIdle, 1, "Start T|Stop T", 7, ""},
     // With the agent integration, the timing session outlives the monitor.
     {"AgentIntegration", FLAG_ENABLE_LOOM_INTEGRATION, 0, kNone, 0, kIdle, 1, "Start T", 7, ""},
     {"DiagnosticTraceStoppedAtOnce", FLAG_DIAGNOSTIC_SESSION, 0, kNone, 0, kIdle, 0,
@@ -74,8 +67,6 @@ const RealTimeCase kRealTimeCases[] = {
     // The timing runner is stopped and joined before the run returns.
     {"DiagnosticCannotStart", FLAG_ENABLE_PROCESS_TIMINGS, 0, 7, 0, kIdle, kNever,
      "Start T|Start D|Stop D|Stop T", 8, kStartFailed},
-    {"SessionEndedByItselfIsRestarted", 0, 0, kNone, 0, ERROR_SUCCESS, 2, "Start T|Start T|Stop T",
-     14, ""},
     {"ConsumerFailureEndsTheRun", 0, 0, kNone, 0, ERROR_NOACCESS, kNever, "Start T|Stop T", 7,
      "ERROR [TraceSessionRunner::Consume] Processing trace session logonmon_timing failed, err "
      "998"},
@@ -87,28 +78,10 @@ INSTANTIATE_TEST_SUITE_P(Cases, RunRealTimeTest, ::testing::ValuesIn(kRealTimeCa
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(MonitorTest, RunFileFinishesEveryLogonOfTheTrace) {
-    accounts_.accounts[kAliceSid] = {L"CORP", L"alice"};
-    // Alice's logon up to the shell's start, whose initialisation never comes.
-    const std::vector<TestEvent> noShell = {CreateSession(2, kAliceSid, kMorning),
-                                            Login(2, kAliceSid, kMorning + kSecond),
-                                            NotifyStart(kStartShell, 2, kMorning + 20 * kSecond),
-                                            NotifyStop(kStartShell, 2, kMorning + 21 * kSecond)};
-    // An event that cannot be decoded (a 64-bit value for a 32-bit field) is
-    // dropped; the events after it still count.
-    std::vector<TestEvent> undecodable = noShell;
-    undecodable.insert(undecodable.begin() + 2,
-                       SubscriberEvent(811, 1, kLogin, L"GPClient", 2, kMorning + 2 * kSecond));
-    undecodable[2].properties[0].value = UInt64Bytes(kLogin);
-    const std::string summary =
-        "INFO [logonmon::LogonProcessor::LogSummary] ****************** Session Summary "
-        "(User=alice, sessionId=2) *****************";
     const std::wstring sample = PLMX_SAMPLES_DIR L"/fast_logon.etl";
     const std::string cannotOpen =
         "INFO [LogonMonitor::RunFile] The system cannot open trace file ";
     const std::string builtIn = "; reading it with the built-in trace reader and event schemas";
-    const Lines exception = {
-        "ERROR [LogonMonitor::PreHandleEventRecord] Exception: GetValue failed"};
-    const Lines outOfMemory = {"ERROR [LogonMonitor::RunFile] LogonMonitor out of memory."};
     const Lines missing = {cannotOpen + "C:\\t.etl, err 2" + builtIn,
                            "ERROR [LogonMonitor::RunFile] Failed to read trace file C:\\t.etl: "
                            "cannot open C:\\t.etl"};
@@ -117,26 +90,19 @@ TEST_F(MonitorTest, RunFileFinishesEveryLogonOfTheTrace) {
         "INFO [Microsoft-Windows-Shell-Core] ****************** Session Summary (User=, "
         "sessionId=2) *****************";
     const struct {
-        ConsumeScript script;
         ULONG openError;
         const Lines& lines;          // the run's error and INFO [LogonMonitor::RunFile] lines
         std::string sessionSummary;  // of the one session log, if any
         std::wstring file = L"C:\\t.etl";
     } cases[] = {
-        {{undecodable}, 0, exception, summary},
-        {{noShell, false, 0, {}, [] { throw std::bad_alloc(); }}, 0, outOfMemory, summary},
-        {{}, ERROR_FILE_NOT_FOUND, missing, ""},
+        {ERROR_FILE_NOT_FOUND, missing, ""},
         // A trace the system cannot open is read by the built-in reader.
-        {{}, ERROR_ACCESS_DENIED, fallback, builtInSummary, sample},
+        {ERROR_ACCESS_DENIED, fallback, builtInSummary, sample},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(Narrow(c.file) + " " + std::to_string(c.openError));
-        for (const std::wstring& name : SessionLogFiles()) {
-            DeleteFileW((folder_.Path() + name).c_str());
-        }
         const size_t before = MainLog().size();
         consume_.openError = c.openError;
-        consume_.Queue(c.file, c.script);
 
         Monitor(0)->RunFile(c.file);
 
@@ -150,69 +116,6 @@ TEST_F(MonitorTest, RunFileFinishesEveryLogonOfTheTrace) {
             EXPECT_THAT(Tagged(ReadLines(folder_.Path() + files[0])), Contains(c.sessionSummary));
         }
     }
-}
-
-TEST_F(MonitorTest, TryGetUserTokenWaitsForTheTokenOfTheSessionsUser) {
-    const std::wstring ownSid = ProcessUserSid();
-    accounts_.accounts[ownSid] = {L"CORP", L"alice"};
-    const std::string noToken = "ERROR_NO_TOKEN.  Timeout/retry elapsed.  sessionId=3";
-    const std::string mismatch = " due to SID mismatch. sessionId=3";
-    const std::string denied = "Failed to get user token, error 5.  sessionId=3";
-    const wchar_t* own = ownSid.c_str();
-    const struct {
-        std::vector<DWORD> answers;
-        uint32_t timeoutMs;
-        const wchar_t* sessionSid;
-        std::wstring userName, userNameAfter;
-        int sleeps;
-        Lines errors;  // parts of the error lines; none when the token is had
-    } cases[] = {
-        {{0}, 0, own, L"", L"CORP\\alice", 0, {}},
-        {{0}, 0, own, L"X\\bob", L"X\\bob", 0, {}},
-        {{ERROR_NO_TOKEN, ERROR_NO_TOKEN, 0}, 5000, own, L"", L"CORP\\alice", 2, {}},
-        // Without a time-out, one more try only.
-        {{ERROR_NO_TOKEN}, 0, own, L"", L"", 1, {noToken}},
-        {{ERROR_NO_TOKEN}, 5000, own, L"", L"", 21, {noToken}},
-        {{ERROR_ACCESS_DENIED}, 5000, own, L"", L"", 0, {denied, mismatch}},
-        {{0}, 0, kAliceSid, L"", L"", 0, {mismatch}},
-    };
-    const auto monitor = Monitor(0);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(&c - cases);
-        tokens_.answers = c.answers;
-        tokens_.sleeps = 0;
-        const size_t before = MainLog().size();
-        std::wstring userName = c.userName;
-        AccessToken token;
-        const auto sid = logonmon::Sid::FromString(c.sessionSid);
-        tokens_.queried.clear();
-
-        EXPECT_EQ(monitor->TryGetUserToken(3, sid, userName, token, c.timeoutMs), c.errors.empty());
-
-        EXPECT_EQ(static_cast<bool>(token), c.errors.empty());
-        EXPECT_EQ(tokens_.sleeps, c.sleeps);
-        EXPECT_EQ(userName, c.userNameAfter);
-        const Lines lines = MainLog();
-        const Lines errors = Matching(lines, "ERROR [LogonMonitor::TryGetUserToken] ", before);
-        ASSERT_EQ(errors.size(), c.errors.size());
-        for (size_t i = 0; i < errors.size(); ++i) {
-            EXPECT_THAT(errors[i], HasSubstr(c.errors[i]));
-        }
-        if (c.errors.empty()) {
-            EXPECT_THAT(lines.back(), HasSubstr("[LogonMonitor::TryGetUserToken] Token AuthId: ("));
-        }
-    }
-}
-
-TEST_F(MonitorTest, LogFormattedMapsTraceLevelsAndPassesOthersAsMasks) {
-    Settings::Instance().LogLevel = LOG_LEVEL_INFO | LOG_LEVEL_TRACE;
-    const auto monitor = Monitor(0);
-    const size_t before = MainLog().size();
-    for (const uint32_t level : {2u, 4u, 5u, 3u, 1u, 8u, 16u}) {
-        monitor->LogFormatted(level, L"f", "level %d", static_cast<int>(level));
-    }
-    EXPECT_EQ(Matching(MainLog(), "", before), (Lines{"INFO [f] level 4", "TRACE [f] level 5",
-                                                      "ERROR [f] level 3", "TRACE [f] level 8"}));
 }
 
 }  // namespace

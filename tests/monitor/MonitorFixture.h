@@ -1,24 +1,16 @@
-// A logon monitor wired to fakes: a recording ETW controller, a scripted
-// consumer, tokens of this process's own user, scripted counters and fast
-// timers; the main log and the session logs in a temporary folder.
+// A logon monitor wired to one small fake per seam.
 #pragma once
 
 #include <windows.h>
-#include <pdhmsg.h>
 #include <sddl.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <filesystem>
-#include <functional>
 #include <map>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -33,9 +25,9 @@ namespace plmx::testing {
 
 using Lines = std::vector<std::string>;
 
-// What one ProcessTrace call does: runs `before`, delivers the events to the
-// callback on the calling thread as ETW does, runs `after`, then returns
-// `result`, or waits until its handle is closed.
+// One ProcessTrace call: `before`, the events on the calling thread as ETW
+// delivers them, `after`, then `result` or, `untilClosed`, a wait for
+// CloseTrace.
 struct ConsumeScript {
     std::vector<TestEvent> events{};
     bool untilClosed = false;
@@ -43,19 +35,13 @@ struct ConsumeScript {
     std::function<void()> before{}, after{};
 };
 
-// Plays the scripts queued under a session's (or trace file's) name; with
-// none left, ProcessTrace waits for its handle to be closed, like an idle
-// live session.
+// Plays the scripts queued under a session's name; with none
+// left it waits like an idle live session.
 class FakeEtwConsume final : public logonmon::EtwConsumeApi {
   public:
     void Queue(const std::wstring& name, ConsumeScript script) {
         std::lock_guard<std::mutex> lock(mutex_);
         scripts_[name].push_back(std::move(script));
-    }
-    size_t OpenHandles() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return std::count_if(traces_.begin(), traces_.end(),
-                             [](const auto& trace) { return !trace.second.closed; });
     }
     ULONG openError = 0;
 
@@ -116,69 +102,37 @@ class FakeEtwConsume final : public logonmon::EtwConsumeApi {
     TRACEHANDLE lastHandle_ = 0;
 };
 
-// Answers WTSQueryUserToken from `answers` (0: this process's token, else
-// that error; the last one repeats); Sleep advances the tick count.
-class FakeUserTokens final : public UserTokenApi {
-  public:
+// This process's token for every session; no waits.
+struct FakeUserTokens final : UserTokenApi {
     bool QueryUserToken(ULONG sessionId, HANDLE* token) override {
         queried.push_back(sessionId);
-        const DWORD answer = answers.at(std::min(queried.size(), answers.size()) - 1);
-        SetLastError(answer);
-        return answer == 0 && OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, token);
+        return OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, token);
     }
-    DWORD TickCount() override { return now; }
-    void Sleep(DWORD milliseconds) override {
-        now += milliseconds;
-        ++sleeps;
-    }
-    std::vector<DWORD> answers{0};
-    DWORD now = 1000;
-    int sleeps = 0;
+    DWORD TickCount() override { return 0; }
+    void Sleep(DWORD) override {}
     std::vector<ULONG> queried;
 };
 
-// Idle, kernel, user, available MB, committed, non-paged and paged bytes.
-using Sample = std::array<LONGLONG, 7>;
-
-// Counter i reads samples[tick][i] (the last sample once past the end); the
-// call named by `failing` ("open", "add3", "first", "read5") fails.
-class FakePdh final : public PdhApi {
-  public:
-    PDH_STATUS OpenQuery(PDH_HQUERY* query) override {
-        *query = this;
-        return Status("open");
-    }
+// Every query reads one sample: 40 % user CPU, 300 MB committed.
+struct FakePdh final : PdhApi {
+    PDH_STATUS OpenQuery(PDH_HQUERY* query) override { return *query = this, 0; }
     PDH_STATUS AddCounter(PDH_HQUERY, const char*, PDH_HCOUNTER* counter) override {
         added = added % 7 + 1;
-        *counter = reinterpret_cast<PDH_HCOUNTER>(added);
-        return Status("add" + std::to_string(added));
+        return *counter = reinterpret_cast<PDH_HCOUNTER>(added), 0;
     }
-    PDH_STATUS CollectQueryData(PDH_HQUERY) override { return Status("first"); }
-    PDH_STATUS CollectQueryDataWithTime(PDH_HQUERY query, LONGLONG*) override {
-        ++collected;
-        return query == nullptr ? PDH_INVALID_HANDLE : 0;
-    }
-    PDH_STATUS GetFormattedCounterValue(PDH_HCOUNTER counter, DWORD format,
+    PDH_STATUS CollectQueryData(PDH_HQUERY) override { return 0; }
+    PDH_STATUS CollectQueryDataWithTime(PDH_HQUERY, LONGLONG*) override { return ++collected, 0; }
+    PDH_STATUS GetFormattedCounterValue(PDH_HCOUNTER counter, DWORD,
                                         PDH_FMT_COUNTERVALUE* value) override {
-        const size_t index = reinterpret_cast<size_t>(counter);
-        if (index == 0 || format != PDH_FMT_LARGE) {
-            return PDH_INVALID_HANDLE;
-        }
-        value->largeValue = samples.at(std::min(tick, samples.size() - 1))[index - 1];
-        return Status("read" + std::to_string(index));
+        constexpr LONGLONG kSample[] = {60, 5, 40, 2000, 300 << 20, 0, 0};
+        return value->largeValue = kSample[reinterpret_cast<size_t>(counter) - 1], 0;
     }
-    PDH_STATUS RemoveCounter(PDH_HCOUNTER) override { return ++released, 0; }
-    PDH_STATUS CloseQuery(PDH_HQUERY) override { return ++released, 0; }
-    PDH_STATUS Status(const std::string& call) const { return call == failing ? PDH_NO_DATA : 0; }
-
-    std::string failing;
-    std::vector<Sample> samples{{60, 5, 40, 2000, 300 << 20, 0, 0}};
-    size_t tick = 0, added = 0;
-    int released = 0;
+    PDH_STATUS RemoveCounter(PDH_HCOUNTER) override { return 0; }
+    PDH_STATUS CloseQuery(PDH_HQUERY) override { return 0; }
+    size_t added = 0;
     std::atomic<int> collected{0};
 };
 
-// The system's timers, ticking every few milliseconds.
 class FastTimers final : public logonmon::TimerService {
   public:
     std::unique_ptr<logonmon::PeriodicTimer> StartPeriodic(uint32_t,
@@ -187,7 +141,6 @@ class FastTimers final : public logonmon::TimerService {
     }
 };
 
-// The user SID of this process's token, as text.
 inline std::wstring ProcessUserSid() {
     HANDLE token = nullptr;
     OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token);
@@ -201,7 +154,6 @@ inline std::wstring ProcessUserSid() {
     return text;
 }
 
-// The lines from `from` on that begin with `prefix`.
 inline Lines Matching(const Lines& lines, const std::string& prefix, size_t from = 0) {
     Lines found;
     std::copy_if(lines.begin() + from, lines.end(), std::back_inserter(found),
@@ -209,29 +161,14 @@ inline Lines Matching(const Lines& lines, const std::string& prefix, size_t from
     return found;
 }
 
-// Expects `expected` among `lines` in this order, others between them.
-inline void ExpectInOrder(const Lines& lines, const Lines& expected) {
-    auto next = lines.begin();
-    for (const std::string& line : expected) {
-        const auto found = std::find(next, lines.end(), line);
-        EXPECT_NE(found, lines.end()) << "missing or out of order: " << line;
-        next = found == lines.end() ? next : found;
-    }
-}
-
-class MonitorTest : public ::testing::Test {
-  protected:
-    // The settings' flags and remote folder are read when the monitor is made.
-    std::unique_ptr<LogonMonitor> Monitor(uint32_t flags, const std::wstring& remote = {},
-                                          logonmon::TdhApi* tdh = nullptr) {
+struct MonitorTest : ::testing::Test {
+    std::unique_ptr<LogonMonitor> Monitor(uint32_t flags, const std::wstring& remote = {}) {
         Settings::Instance().Flags = flags;
         Settings::Instance().RemoteLogPath = remote;
         return std::make_unique<LogonMonitor>(MonitorServices{
-            {&timers_, &clock_, &accounts_}, &consume_, &tokens_, &pdh_, tdh ? tdh : &tdh_.fake});
+            {&timers_, &clock_, &accounts_}, &consume_, &tokens_, &pdh_, &tdh_.fake});
     }
-    // "<level> [<source>] <message>" of each line.
     Lines MainLog() const { return Tagged(ReadLines(mainLog_.Path())); }
-    // The session logs and their archives, by file name.
     std::vector<std::wstring> SessionLogFiles() const {
         std::vector<std::wstring> names;
         for (const auto& entry : std::filesystem::directory_iterator(folder_.Path())) {

@@ -1,6 +1,4 @@
-// Runs the build's programs as an administrator would: as separate
-// processes, observed by their exit codes. CMake names them with paths that
-// Wine's drive Z: reaches ("Z:/work/...").
+// CMake names the build's programs with paths Wine's drive Z: reaches.
 #pragma once
 
 #include <windows.h>

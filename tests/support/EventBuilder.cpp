@@ -2,12 +2,10 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <cwchar>
 #include <stdexcept>
 
 #include "trace/Sid.h"
-#include "trace/TextForms.h"
 
 namespace plmx::testing {
 
@@ -15,136 +13,69 @@ namespace {
 
 using namespace logonmon::etw;
 
-// Marks the records made here, so that FakeTdh can tell them from others.
-constexpr uint64_t kBuilderMagic = 0x504C4D5845564E54;
-constexpr uint16_t kHeaderFlagExtendedInfo = 0x0001;
 constexpr size_t kArrayOffset = offsetof(TRACE_EVENT_INFO, EventPropertyInfoArray);
-
-template <typename T>
-std::vector<uint8_t> LittleEndianBytes(T value) {
-    std::vector<uint8_t> bytes(sizeof(T));
-    for (size_t i = 0; i < sizeof(T); ++i) {
-        bytes[i] = static_cast<uint8_t>(static_cast<uint64_t>(value) >> (8 * i));
-    }
-    return bytes;
-}
 
 const EventBuilder::Served* ServedFor(const EVENT_RECORD& event) {
     const auto* served = static_cast<const EventBuilder::Served*>(event.UserContext);
-    return served != nullptr && served->magic == kBuilderMagic ? served : nullptr;
+    return served != nullptr && served->magic == EventBuilder::Served::kMagic ? served : nullptr;
 }
 
+// Compared unit by unit: looking up a property allocates nothing.
 const PropertyDefinition* FindProperty(const EVENT_RECORD& event,
                                        const PROPERTY_DATA_DESCRIPTOR& descriptor) {
     const EventBuilder::Served* served = ServedFor(event);
-    const auto* name =
-        reinterpret_cast<const WCHAR*>(static_cast<uintptr_t>(descriptor.PropertyName));
+    const auto* name = reinterpret_cast<const WCHAR*>(uintptr_t{descriptor.PropertyName});
     if (served == nullptr || name == nullptr) {
         return nullptr;
     }
-    // Compared unit by unit: looking up a property allocates nothing.
-    const auto named = [name](const std::wstring& candidate) {
-        size_t i = 0;
-        for (; i < candidate.size(); ++i) {
-            if (name[i] == 0 || static_cast<wchar_t>(name[i]) != candidate[i]) {
-                return false;
-            }
-        }
-        return name[i] == 0;
-    };
-    for (const PropertyDefinition& property : served->properties) {
-        if (!property.isStruct && named(property.name)) {
-            return &property;
-        }
-    }
-    return nullptr;
+    const auto found = std::find_if(
+        served->properties.begin(), served->properties.end(), [name](const PropertyDefinition& p) {
+            return !p.isStruct &&
+                   std::equal(p.name.begin(), p.name.end(), name,
+                              [](wchar_t a, WCHAR b) { return a == static_cast<wchar_t>(b); }) &&
+                   name[p.name.size()] == 0;
+        });
+    return found != served->properties.end() ? &*found : nullptr;
+}
+
+// The answer to a property query, before the value is handed over.
+uint32_t PropertyStatus(const PropertyDefinition* property, uint32_t failWith) {
+    return failWith != 0 ? failWith : property == nullptr ? kErrorNotFound : kErrorSuccess;
 }
 
 }  // namespace
 
 std::vector<uint8_t> Utf16Bytes(const std::wstring& text) {
-    std::vector<uint8_t> bytes;
-    for (const wchar_t c : text) {
-        bytes.push_back(static_cast<uint8_t>(c));
-        bytes.push_back(static_cast<uint8_t>(static_cast<uint32_t>(c) >> 8));
-    }
-    bytes.insert(bytes.end(), {0, 0});
-    return bytes;
-}
-
-std::vector<uint8_t> UInt16Bytes(uint16_t value) {
-    return LittleEndianBytes(value);
-}
-std::vector<uint8_t> UInt32Bytes(uint32_t value) {
-    return LittleEndianBytes(value);
-}
-std::vector<uint8_t> UInt64Bytes(uint64_t value) {
-    return LittleEndianBytes(value);
+    const std::u16string units(text.begin(), text.end());  // test texts lie in the BMP
+    const auto* bytes = reinterpret_cast<const uint8_t*>(units.c_str());
+    return {bytes, bytes + 2 * (units.size() + 1)};
 }
 
 std::vector<uint8_t> SidBytes(const std::wstring& sidText) {
-    const std::optional<logonmon::Sid> sid = logonmon::Sid::FromString(sidText);
-    if (!sid) {
-        throw std::invalid_argument("not a SID");
-    }
-    return sid->Bytes();
-}
-
-PropertyDefinition StringProperty(const std::wstring& name, const std::wstring& value) {
-    return PropertyDefinition{name, kInTypeUnicodeString, 0, Utf16Bytes(value), false};
-}
-
-PropertyDefinition UInt32Property(const std::wstring& name, uint32_t value) {
-    return PropertyDefinition{name, kInTypeUInt32, 0, UInt32Bytes(value), false};
+    return logonmon::Sid::FromString(sidText).value().Bytes();
 }
 
 GUID GuidFromText(const std::wstring& text) {
-    unsigned parts[11] = {};
-    const wchar_t* bare = text.c_str() + (text.starts_with(L"{") ? 1 : 0);
-    if (std::swscanf(bare, L"%8x-%4x-%4x-%2x%2x-%2x%2x%2x%2x%2x%2x", &parts[0], &parts[1],
-                     &parts[2], &parts[3], &parts[4], &parts[5], &parts[6], &parts[7], &parts[8],
-                     &parts[9], &parts[10]) != 11) {
+    unsigned p[11] = {};
+    if (std::swscanf(text.c_str() + (text.starts_with(L"{") ? 1 : 0),
+                     L"%8x-%4x-%4x-%2x%2x-%2x%2x%2x%2x%2x%2x", &p[0], &p[1], &p[2], &p[3], &p[4],
+                     &p[5], &p[6], &p[7], &p[8], &p[9], &p[10]) != 11) {
         throw std::invalid_argument("not a GUID");
     }
-    GUID guid{parts[0], static_cast<uint16_t>(parts[1]), static_cast<uint16_t>(parts[2]), {}};
-    for (size_t i = 0; i < 8; ++i) {
-        guid.Data4[i] = static_cast<uint8_t>(parts[3 + i]);
-    }
+    GUID guid{p[0], static_cast<uint16_t>(p[1]), static_cast<uint16_t>(p[2]), {}};
+    std::copy(p + 3, p + 11, guid.Data4);
     return guid;
 }
 
-EventBuilder::EventBuilder() {
-    served_.magic = kBuilderMagic;
-    header_.Size = sizeof(EVENT_HEADER);
-}
-
-EventBuilder& EventBuilder::Timestamp(uint64_t fileTime) {
-    header_.TimeStamp.QuadPart = static_cast<int64_t>(fileTime);
-    return *this;
-}
-
-EventBuilder& EventBuilder::SessionId(uint32_t sessionId) {
-    return ExtendedItem(kExtTypeTsId, UInt32Bytes(sessionId));
-}
-
-EventBuilder& EventBuilder::UserSid(const std::wstring& sidText) {
-    return ExtendedItem(kExtTypeSid, SidBytes(sidText));
-}
-
-EventBuilder& EventBuilder::ExtendedItem(uint16_t type, std::vector<uint8_t> data) {
-    extendedItems_.emplace_back(type, std::move(data));
+EventBuilder& EventBuilder::Property(PropertyDefinition property) {
+    hasSchema_ = true;
+    served_.properties.push_back(std::move(property));
     return *this;
 }
 
 EventBuilder& EventBuilder::SchemaName(SchemaSlot slot, const std::wstring& text) {
-    served_.hasSchema = true;
+    hasSchema_ = true;
     names_[slot] = text;
-    return *this;
-}
-
-EventBuilder& EventBuilder::Property(PropertyDefinition property) {
-    served_.hasSchema = true;
-    served_.properties.push_back(std::move(property));
     return *this;
 }
 
@@ -154,40 +85,31 @@ void EventBuilder::BuildSchema() {
     std::vector<uint8_t>& schema = served_.schema;
     schema.assign(
         kArrayOffset + std::max<size_t>(properties.size(), 1) * sizeof(EVENT_PROPERTY_INFO), 0);
-    auto addText = [&schema](const std::wstring& text) {
-        const auto offset = static_cast<uint32_t>(schema.size());
-        const std::vector<uint8_t> bytes = Utf16Bytes(text);
+    auto addText = [&schema](const std::optional<std::wstring>& text) {
+        const auto offset = static_cast<uint32_t>(text ? schema.size() : 0);
+        const std::vector<uint8_t> bytes = text ? Utf16Bytes(*text) : std::vector<uint8_t>();
         schema.insert(schema.end(), bytes.begin(), bytes.end());
         return offset;
     };
-    uint32_t offsets[kSlotCount] = {};
-    for (size_t slot = 0; slot < kSlotCount; ++slot) {
-        offsets[slot] = names_[slot] ? addText(*names_[slot]) : 0;
-    }
-
     TRACE_EVENT_INFO info{};
     info.ProviderGuid = header_.ProviderId;
     info.EventDescriptor = header_.EventDescriptor;
     info.DecodingSource = static_cast<decltype(info.DecodingSource)>(decodingSource_);
-    info.ProviderNameOffset = offsets[kProvider];
-    info.TaskNameOffset = offsets[kTask];
-    info.OpcodeNameOffset = offsets[kOpcode];
-    info.EventMessageOffset = offsets[kMessage];
-    info.ActivityIDNameOffset = offsets[kEvent];
-    info.RelatedActivityIDNameOffset = offsets[kRelated];
-    info.PropertyCount = static_cast<uint32_t>(properties.size());
-    info.TopLevelPropertyCount = info.PropertyCount;
+    info.ProviderNameOffset = addText(names_[kProvider]);
+    info.TaskNameOffset = addText(names_[kTask]);
+    info.OpcodeNameOffset = addText(names_[kOpcode]);
+    info.EventMessageOffset = addText(names_[kMessage]);
+    info.ActivityIDNameOffset = addText(names_[kEvent]);
+    info.RelatedActivityIDNameOffset = addText(names_[kRelated]);
+    info.PropertyCount = info.TopLevelPropertyCount = static_cast<uint32_t>(properties.size());
     std::memcpy(schema.data(), &info, kArrayOffset);
-
     for (size_t i = 0; i < properties.size(); ++i) {
         const PropertyDefinition& property = properties[i];
         EVENT_PROPERTY_INFO entry{};
         entry.Flags = static_cast<decltype(entry.Flags)>(property.isStruct ? kPropertyStruct : 0);
         entry.NameOffset = addText(property.name);
-        if (!property.isStruct) {
-            entry.nonStructType.InType = property.inType;
-            entry.nonStructType.OutType = property.outType;
-        }
+        entry.nonStructType.InType = property.isStruct ? 0 : property.inType;
+        entry.nonStructType.OutType = property.isStruct ? 0 : property.outType;
         entry.count = 1;
         entry.length = static_cast<uint16_t>(std::min<size_t>(property.value.size(), UINT16_MAX));
         std::memcpy(schema.data() + kArrayOffset + i * sizeof entry, &entry, sizeof entry);
@@ -197,30 +119,23 @@ void EventBuilder::BuildSchema() {
 const EVENT_RECORD& EventBuilder::Record() {
     items_.clear();
     for (const auto& [type, data] : extendedItems_) {
-        EVENT_HEADER_EXTENDED_DATA_ITEM item{};
+        EVENT_HEADER_EXTENDED_DATA_ITEM& item = items_.emplace_back();
         item.ExtType = type;
         item.DataSize = static_cast<uint16_t>(data.size());
         item.DataPtr = data.empty() ? 0 : reinterpret_cast<uintptr_t>(data.data());
-        items_.push_back(item);
     }
     userData_.clear();
-    if (payload_) {
-        userData_ = *payload_;
-    } else {
-        for (const PropertyDefinition& property : served_.properties) {
-            userData_.insert(userData_.end(), property.value.begin(), property.value.end());
-        }
+    for (const PropertyDefinition& property : served_.properties) {
+        userData_.insert(userData_.end(), property.value.begin(), property.value.end());
     }
+    userData_ = payload_.value_or(std::move(userData_));
     served_.schema.clear();
-    if (served_.hasSchema) {
+    if (hasSchema_) {
         BuildSchema();
     }
-
     record_ = EVENT_RECORD{};
     record_.EventHeader = header_;
-    if (!items_.empty()) {
-        record_.EventHeader.Flags |= kHeaderFlagExtendedInfo;
-    }
+    record_.EventHeader.Flags |= items_.empty() ? 0 : 0x0001;  // EVENT_HEADER_FLAG_EXTENDED_INFO
     record_.ExtendedDataCount = static_cast<uint16_t>(items_.size());
     record_.ExtendedData = items_.empty() ? nullptr : items_.data();
     record_.UserDataLength = static_cast<uint16_t>(userData_.size());
@@ -231,43 +146,39 @@ const EVENT_RECORD& EventBuilder::Record() {
 
 uint32_t FakeTdh::GetEventInformation(const EVENT_RECORD& event, TRACE_EVENT_INFO* buffer,
                                       uint32_t* bufferSize) {
-    eventInformationCalls.fetch_add(1, std::memory_order_relaxed);
     const EventBuilder::Served* served = ServedFor(event);
-    if (served == nullptr || !served->hasSchema) {
+    if (served == nullptr || served->schema.empty()) {
         return kErrorNotFound;
     }
-    const auto size = static_cast<uint32_t>(served->schema.size());
-    const bool fits = buffer != nullptr && *bufferSize >= size;
-    *bufferSize = size;
-    if (!fits) {
-        return kErrorInsufficientBuffer;
+    const bool fits = buffer != nullptr && *bufferSize >= served->schema.size();
+    *bufferSize = static_cast<uint32_t>(served->schema.size());
+    if (fits) {
+        std::memcpy(buffer, served->schema.data(), served->schema.size());
     }
-    std::memcpy(buffer, served->schema.data(), size);
-    return kErrorSuccess;
+    return fits ? kErrorSuccess : kErrorInsufficientBuffer;
 }
 
 uint32_t FakeTdh::GetPropertySize(const EVENT_RECORD& event,
                                   const PROPERTY_DATA_DESCRIPTOR& descriptor,
                                   uint32_t* propertySize) {
     const PropertyDefinition* property = FindProperty(event, descriptor);
-    if (failPropertySizeWith != 0 || property == nullptr) {
-        return failPropertySizeWith != 0 ? failPropertySizeWith : kErrorNotFound;
+    const uint32_t status = PropertyStatus(property, failPropertySizeWith);
+    if (status == kErrorSuccess) {
+        *propertySize = static_cast<uint32_t>(property->value.size());
     }
-    *propertySize = static_cast<uint32_t>(property->value.size());
-    return kErrorSuccess;
+    return status;
 }
 
 uint32_t FakeTdh::GetProperty(const EVENT_RECORD& event, const PROPERTY_DATA_DESCRIPTOR& descriptor,
                               uint32_t bufferSize, uint8_t* buffer) {
     const PropertyDefinition* property = FindProperty(event, descriptor);
-    if (failPropertyWith != 0 || property == nullptr) {
-        return failPropertyWith != 0 ? failPropertyWith : kErrorNotFound;
+    uint32_t status = PropertyStatus(property, failPropertyWith);
+    if (status == kErrorSuccess && bufferSize < property->value.size()) {
+        status = kErrorInsufficientBuffer;
+    } else if (status == kErrorSuccess) {
+        std::copy(property->value.begin(), property->value.end(), buffer);
     }
-    if (bufferSize < property->value.size()) {
-        return kErrorInsufficientBuffer;
-    }
-    std::copy(property->value.begin(), property->value.end(), buffer);
-    return kErrorSuccess;
+    return status;
 }
 
 }  // namespace plmx::testing

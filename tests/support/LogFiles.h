@@ -1,5 +1,3 @@
-// Test helpers for the logs: temporary folders, the main log pointed at one,
-// captured standard output and log files read back line by line.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +9,6 @@
 
 namespace plmx::testing {
 
-// A new folder under the temporary directory, removed with its contents.
 class TempFolder {
   public:
     TempFolder();
@@ -41,13 +38,10 @@ class ScopedMainLog {
     Settings saved_;
 };
 
-// Sends standard output into the file Path() while it lives.
 class StdoutCapture {
   public:
     StdoutCapture();
     ~StdoutCapture();
-    StdoutCapture(const StdoutCapture&) = delete;
-    StdoutCapture& operator=(const StdoutCapture&) = delete;
 
     std::wstring Path() const;  // flushed first
 
@@ -57,7 +51,6 @@ class StdoutCapture {
 };
 
 std::string ReadFileBytes(const std::wstring& path);
-// The file's lines without their line ends.
 std::vector<std::string> ReadLines(const std::wstring& path);
 // "<level> [<source>] <message>" of each line, the event id left out;
 // "<unparsed> <line>" for a line that is not a log line.

@@ -15,7 +15,6 @@ namespace logonmon {
 namespace {
 
 using ::testing::ElementsAre;
-using testing::RecordingEtwControl;
 
 constexpr char kSaved[] =
     "ERROR [StartFileTrace] Persistent trace session AutoLogger saved in registry";
@@ -40,26 +39,34 @@ std::vector<std::string> Logged(Command command, ULONG expectedResult) {
 
 // ETW is the recording stand-in, the registry the Wine prefix's; every test
 // starts and ends without a boot entry.
-class FileTraceTest : public ::testing::Test {
-  protected:
+struct FileTraceTest : ::testing::Test {
     void SetUp() override { AutoLogger::Delete(kFileSessionName); }
     void TearDown() override { AutoLogger::Delete(kFileSessionName); }
 
-    RecordingEtwControl etw_;
+    testing::RecordingEtwControl etw;
 };
 
-TEST_F(FileTraceTest, PersistentTraceTwiceKeepsTheFirstEntryAndStartsNothingMore) {
+TEST_F(FileTraceTest, PersistentStartAndStop) {
     EXPECT_THAT(Logged([] { return StartFileTrace(L"C:\\first.etl", true); }, 0),
                 ElementsAre(kSaved, "INFO [StartFileTrace] Tracing to C:\\first.etl succeeded."));
-    EXPECT_EQ(etw_.calls.front(), "Start logonmon_diag_trace_file");
-    EXPECT_EQ(etw_.enables.size(), 23u);
-    EXPECT_EQ(EntryFileName(), L"C:\\first.etl");
-
-    etw_.calls.clear();
+    EXPECT_EQ(etw.calls.front(), "Start logonmon_diag_trace_file");
+    EXPECT_EQ(etw.enables.size(), 23u);
+    // A second start keeps the first entry and starts nothing more.
+    etw.calls.clear();
     EXPECT_THAT(Logged([] { return StartFileTrace(L"C:\\second.etl", true); }, 183),
                 ElementsAre("ERROR [StartFileTrace] logonmon::AutoLogger::Save failed, ret = 183"));
-    EXPECT_TRUE(etw_.calls.empty());
+    EXPECT_TRUE(etw.calls.empty());
     EXPECT_EQ(EntryFileName(), L"C:\\first.etl");
+
+    EXPECT_THAT(Logged([] { return StopFileTrace(true); }, 0),
+                ElementsAre("INFO [StopFileTrace] logonmon::AutoLogger::Delete succeeded",
+                            "INFO [StopFileTrace] logonmon::Controller::Stop succeeded"));
+    EXPECT_THAT(etw.calls, ElementsAre("Stop logonmon_diag_trace_file"));
+    EXPECT_EQ(EntryFileName(), L"");
+    etw.stopResult = ERROR_WMI_INSTANCE_NOT_FOUND;
+    EXPECT_THAT(Logged([] { return StopFileTrace(true); }, ERROR_WMI_INSTANCE_NOT_FOUND),
+                ElementsAre("ERROR [StopFileTrace] logonmon::AutoLogger::Delete failed, ret = 2",
+                            "ERROR [StopFileTrace] logonmon::Controller::Stop failed, ret = 4201"));
 }
 
 TEST_F(FileTraceTest, AFailedStartRemovesTheEntryItJustSaved) {
@@ -73,13 +80,12 @@ TEST_F(FileTraceTest, AFailedStartRemovesTheEntryItJustSaved) {
         {ERROR_SUCCESS, 2, ERROR_ACCESS_DENIED},  // the third provider is refused
     };
     for (const auto& c : cases) {
-        etw_.startResult = c.startResult;
-        etw_.failingEnable = c.failingEnable;
+        etw.startResult = c.startResult;
+        etw.failingEnable = c.failingEnable;
         EXPECT_THAT(Logged([] { return StartFileTrace(L"C:\\t.etl", true); }, c.expected),
                     ElementsAre(kSaved));
         EXPECT_EQ(EntryFileName(), L"") << c.expected;
     }
-
     plmx::testing::StdoutCapture capture;
     EXPECT_THROW(StartFileTrace(L"C:\\" + std::wstring(1021, L'p'), true), std::runtime_error);
     EXPECT_EQ(EntryFileName(), L"");
@@ -89,26 +95,10 @@ TEST_F(FileTraceTest, WithoutPersistentTheEntryIsLeftAlone) {
     EXPECT_THAT(Logged([] { return StartFileTrace(L"C:\\t.etl", false); }, 0),
                 ElementsAre("INFO [StartFileTrace] Tracing to C:\\t.etl succeeded."));
     EXPECT_EQ(EntryFileName(), L"");
-
     Logged([] { return StartFileTrace(L"C:\\kept.etl", true); }, 0);
     EXPECT_THAT(Logged([] { return StopFileTrace(false); }, 0),
                 ElementsAre("INFO [StopFileTrace] logonmon::Controller::Stop succeeded"));
     EXPECT_EQ(EntryFileName(), L"C:\\kept.etl");
-}
-
-TEST_F(FileTraceTest, StopRemovesTheEntryAndStopsTheSessionOrReportsBothMissing) {
-    Logged([] { return StartFileTrace(L"C:\\t.etl", true); }, 0);
-    etw_.calls.clear();
-    EXPECT_THAT(Logged([] { return StopFileTrace(true); }, 0),
-                ElementsAre("INFO [StopFileTrace] logonmon::AutoLogger::Delete succeeded",
-                            "INFO [StopFileTrace] logonmon::Controller::Stop succeeded"));
-    EXPECT_THAT(etw_.calls, ElementsAre("Stop logonmon_diag_trace_file"));
-    EXPECT_EQ(EntryFileName(), L"");
-
-    etw_.stopResult = ERROR_WMI_INSTANCE_NOT_FOUND;
-    EXPECT_THAT(Logged([] { return StopFileTrace(true); }, ERROR_WMI_INSTANCE_NOT_FOUND),
-                ElementsAre("ERROR [StopFileTrace] logonmon::AutoLogger::Delete failed, ret = 2",
-                            "ERROR [StopFileTrace] logonmon::Controller::Stop failed, ret = 4201"));
 }
 
 }  // namespace

@@ -5,8 +5,7 @@
 #include <windows.h>
 #include <evntrace.h>
 
-#include <algorithm>
-#include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -14,17 +13,6 @@
 #include "trace/TextForms.h"
 
 namespace logonmon::testing {
-
-struct EnableCall {
-    TRACEHANDLE handle;
-    GUID providerId;
-    ULONG controlCode;
-    UCHAR level;
-    ULONGLONG keywordsAndTimeout;  // match-any, match-all and timeout added up
-    ENABLE_TRACE_PARAMETERS parameters;
-    ULONG filterType;
-    std::vector<uint8_t> filter;  // what the filter descriptor points at
-};
 
 class RecordingEtwControl final : public EtwControlApi {
   public:
@@ -40,13 +28,16 @@ class RecordingEtwControl final : public EtwControlApi {
 
     // "Start <name>", "Enable", "Close <handle>", "Stop <name>"
     std::vector<std::string> calls;
-    std::vector<uint8_t> startBlock, stopBlock;  // the properties passed
-    std::vector<EnableCall> enables;
+    // The properties each start and stop passed, as Block() writes them.
+    std::vector<std::string> blocks;
+    // "<provider> <level> <enable property> <filter bytes>" of each enabled provider
+    // that got the session's handle, default keywords and version 2 parameters.
+    std::vector<std::string> enables;
 
     ULONG StartTrace(TRACEHANDLE* handle, const wchar_t* name,
                      EVENT_TRACE_PROPERTIES* properties) override {
         calls.push_back("Start " + Utf8FromWide(name));
-        startBlock = Bytes(properties);
+        blocks.push_back(Block(properties));
         *handle = startResult == ERROR_SUCCESS ? kSessionHandle : 0;
         return Result(startResult);
     }
@@ -54,22 +45,23 @@ class RecordingEtwControl final : public EtwControlApi {
                        ULONG code) override {
         const bool stopByName = handle == 0 && code == EVENT_TRACE_CONTROL_STOP;
         calls.push_back((stopByName ? "Stop " : "Control? ") + Utf8FromWide(name));
-        stopBlock = Bytes(properties);
+        blocks.push_back(Block(properties));
         return Result(stopResult);
     }
-    ULONG EnableTraceEx2(TRACEHANDLE handle, const GUID& providerId, ULONG code, UCHAR level,
+    ULONG EnableTraceEx2(TRACEHANDLE handle, const GUID& provider, ULONG code, UCHAR level,
                          ULONGLONG matchAny, ULONGLONG matchAll, ULONG timeout,
                          ENABLE_TRACE_PARAMETERS* parameters) override {
         calls.push_back("Enable");
-        EnableCall call{handle,      providerId, code, level, matchAny + matchAll + timeout,
-                        *parameters, 0,          {}};
-        if (parameters->FilterDescCount > 0) {
-            const EVENT_FILTER_DESCRIPTOR& filter = *parameters->EnableFilterDesc;
-            const auto* data = reinterpret_cast<const uint8_t*>(filter.Ptr);
-            call.filterType = filter.Type;
-            call.filter.assign(data, data + filter.Size);
+        std::string call = Utf8FromWide(GuidText(provider)) + " " + std::to_string(level) + " " +
+                           std::to_string(parameters->EnableProperty);
+        for (ULONG i = 0; i < parameters->FilterDescCount; ++i) {
+            const EVENT_FILTER_DESCRIPTOR& filter = parameters->EnableFilterDesc[i];
+            call += filter.Type == 0x80000200 ? " " : " type? ";  // EVENT_FILTER_TYPE_EVENT_ID
+            call += Hex(reinterpret_cast<const uint8_t*>(filter.Ptr), filter.Size);
         }
-        enables.push_back(call);
+        const bool plain = handle == kSessionHandle && code == EVENT_CONTROL_CODE_ENABLE_PROVIDER &&
+                           matchAny + matchAll + timeout == 0 && parameters->Version == 2;
+        enables.push_back(plain ? call : "unexpected " + call);
         return Result(enables.size() - 1 == failingEnable ? ERROR_ACCESS_DENIED : ERROR_SUCCESS);
     }
     ULONG CloseTrace(TRACEHANDLE handle) override {
@@ -84,10 +76,24 @@ class RecordingEtwControl final : public EtwControlApi {
         }
         return result;
     }
-    // As far as the block's own size says, at most the 4,216 bytes allocated.
-    static std::vector<uint8_t> Bytes(const EVENT_TRACE_PROPERTIES* properties) {
-        const auto* data = reinterpret_cast<const uint8_t*>(properties);
-        return {data, data + std::min<ULONG>(properties->Wnode.BufferSize, 4216)};
+    static std::string Hex(const uint8_t* bytes, size_t size) {
+        std::string text;
+        for (size_t i = 0; i < size; ++i) {
+            text += {"0123456789abcdef"[bytes[i] >> 4], "0123456789abcdef"[bytes[i] & 15]};
+        }
+        return text;
+    }
+    // "<size> <flags> <clock> <mode> <name> <file>", the texts found at their offsets.
+    static std::string Block(const EVENT_TRACE_PROPERTIES* p) {
+        const auto* base = reinterpret_cast<const char*>(p);
+        const auto text = [base](ULONG offset) {
+            return offset == 0 ? "-"
+                               : Utf8FromWide(reinterpret_cast<const wchar_t*>(base + offset));
+        };
+        char fields[64];
+        std::snprintf(fields, sizeof fields, "%lu 0x%lx %lu 0x%lx ", p->Wnode.BufferSize,
+                      p->Wnode.Flags, p->Wnode.ClientContext, p->LogFileMode);
+        return fields + text(p->LoggerNameOffset) + " " + text(p->LogFileNameOffset);
     }
 
     EtwControlApi* previous_;
