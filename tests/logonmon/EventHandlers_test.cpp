@@ -63,13 +63,18 @@ TEST_F(EventHandlersTest, PolicyExtensionsAreCountedWhateverTheirForm) {
                     started(L"Printers", L"", L"false"), finished(L"Registry", L"1200", 0),
                     finished(L"Registry", L"34", 0), finished(L"Scripts", L"250", 0x80070005),
                     finished(L"Scripts", L"n/a", 0), finished(L"Drive Maps", L"-1", 0)});
-    const auto session = processor.Sessions().at(0);
+    auto session = processor.Sessions().at(0);
     EXPECT_EQ(std::vector({session.asyncPolicies, session.syncPolicies, session.changedPolicies,
                            session.failedPolicies}),
               std::vector({2, 2, 2, 1}));
     EXPECT_EQ(session.cseDurations,
               (std::map<std::wstring, uint32_t>{
                   {L"Drive Maps", 0}, {L"Registry", 1234}, {L"Scripts", 250}}));
+    // The summary closes with the extended summary and a footer as long as its header.
+    processor.ClearLines();
+    processor.LogSummary(session);
+    EXPECT_EQ(processor.lines.end()[-2], "4 Extended: extended 2");
+    EXPECT_EQ(processor.lines.back().size(), processor.lines.front().size());
 }
 
 TestEvent Started(uint32_t session, uint32_t processId, uint32_t parentId, const wchar_t* image) {

@@ -47,14 +47,11 @@ TEST(LogonProcessorConcurrencyTest, TwoEventThreadsAndTheTimer) {
 
     std::lock_guard<std::mutex> lock(processor.mutex);
     std::map<uint32_t, int> endings;
-    std::map<uint32_t, int> expected;
     for (const auto& session : processor.endedSessions) {
         ++endings[session.sessionId];
     }
-    for (uint32_t i = 0; i < kLogons; ++i) {
-        expected[100 + i] = expected[1000 + i] = 1;
-    }
-    EXPECT_EQ(endings, expected);
+    EXPECT_EQ(endings.size(), 2 * kLogons);
+    EXPECT_EQ(processor.endedSessions.size(), 2 * kLogons);
     for (size_t i = 0; i < processor.sampling.size(); ++i) {
         EXPECT_EQ(processor.sampling[i], i % 2 == 0) << i;
     }

@@ -17,15 +17,14 @@ std::string Format(const char* format, ...) {
 }
 
 TEST(PrintfFormatTest, FollowsTheMicrosoftConventions) {
-    const uint64_t big = 12345678901234ull;
-    EXPECT_EQ(Format("%ws\\%S|%ls|%hs|%s", L"CORP", L"wide", L"long", "half", "narrow"),
-              "CORP\\wide|long|half|narrow");
-    EXPECT_EQ(Format("%I64u %I64d %lld", big, -static_cast<int64_t>(big), -5ll),
+    EXPECT_EQ(Format("%ws\\%S|%ls|%hs|%s|%c%wc %d%%", L"CORP", L"wide", L"long", "half", "narrow",
+                     'A', L'B', 100),
+              "CORP\\wide|long|half|narrow|AB 100%");
+    EXPECT_EQ(Format("%I64u %I64d %lld", 12345678901234ull, -12345678901234ll, -5ll),
               "12345678901234 -12345678901234 -5");
     EXPECT_EQ(Format("%d 0x%X %08lX %x", 0xFFFFFFFFu, 0x80070005u, 0xABCDu, 255u),
               "-1 0x80070005 0000ABCD ff");
     EXPECT_EQ(Format("[%-6ws][%9ws][%.3ws]", L"ab", L"ab", L"abcdef"), "[ab    ][       ab][abc]");
-    EXPECT_EQ(Format("%c%wc %d%%", 'A', L'B', 100), "AB 100%");
     EXPECT_EQ(Format("%*d|%-*d|%*d|", 4, 7, 3, 8, -3, 9), "   7|8  |9  |");
     EXPECT_EQ(
         Format("%ws %s", static_cast<const wchar_t*>(nullptr), static_cast<const char*>(nullptr)),
@@ -37,6 +36,9 @@ TEST(PrintfFormatTest, FollowsTheMicrosoftConventions) {
 // whatever the locale.
 TEST(PrintfFormatTest, WideTextBecomesUtf8) {
     EXPECT_EQ(Format("[%-7ws]", L"J\u00fc \u4e2d"), "[J\xc3\xbc \xe4\xb8\xad   ]");
+    // A lone surrogate becomes U+FFFD.
+    EXPECT_EQ(Format("%ws", L"\U00010000\U0010FFFF\xD800"),
+              "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF\xEF\xBF\xBD");
 }
 #endif
 
