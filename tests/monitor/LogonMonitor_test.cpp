@@ -118,5 +118,18 @@ TEST_F(MonitorTest, RunFileFinishesEveryLogonOfTheTrace) {
     }
 }
 
+// A token of another user must never carry the session's upload.
+TEST_F(MonitorTest, ATokenOfAnotherUserIsDropped) {
+    const size_t before = MainLog().size();
+    std::wstring userName;
+    AccessToken token;
+    EXPECT_FALSE(Monitor(0)->TryGetUserToken(3, logonmon::Sid::FromString(L"S-1-5-21-1-2-3-1000"),
+                                             userName, token, 0));
+    EXPECT_FALSE(token);
+    const Lines errors = Matching(MainLog(), "ERROR", before);
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_THAT(errors[0], ::testing::EndsWith("due to SID mismatch. sessionId=3"));
+}
+
 }  // namespace
 }  // namespace plmx::testing
