@@ -123,7 +123,6 @@ TEST(TdhWithBuiltInSchemasTest, BuiltInSchemasFillWhatTheSystemLacks) {
     } cases[] = {
         {5001, UInt32Bytes(12), L"Login", L"Login"},
         {801, UInt32Bytes(12), L"", L"StartShell"},
-        {801, UInt32Bytes(2), L"", L"Login"},
         {812, UInt32Bytes(3), L"", L"Logoff"},
         {801, UInt32Bytes(12), L"Login", L"StartShell"},  // a kind already found wanting
     };

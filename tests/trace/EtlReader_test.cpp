@@ -2,6 +2,7 @@
 // wrote, and against damaged files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <sstream>
@@ -93,9 +94,7 @@ TEST(EtlReaderTest, ReadsFilesThatWindowsWrote) {
         EXPECT_EQ(events.front().first, c.provider);
         EXPECT_TRUE(c.first == 0 || events.front().second == c.first) << events.front().second;
         EXPECT_LE(events.back().second, c.end);
-        for (size_t i = 1; i < events.size(); ++i) {
-            EXPECT_LE(events[i - 1].second, events[i].second);
-        }
+        EXPECT_TRUE(std::ranges::is_sorted(events, {}, &decltype(events)::value_type::second));
     }
 }
 

@@ -64,12 +64,10 @@ TEST(EventRecordDataTest, SessionIdAndUserSidFromExtendedData) {
         std::vector<std::pair<uint16_t, std::vector<uint8_t>>> items;
         std::wstring expected;  // "<session> <SID>", or "throws"
     } cases[] = {
-        {"none", {}, L"4294967295 "},
         {"the last TS_ID wins",
          {{3, UInt32Bytes(3)}, {7, {1, 2, 3, 4}}, {3, UInt32Bytes(5)}},
          L"5 "},
         {"a short TS_ID is ignored", {{3, UInt32Bytes(2)}, {3, {9, 0}}}, L"2 "},
-        {"the last SID wins", {{2, sid}, {2, system}}, L"4294967295 S-1-5-18"},
         {"a SID longer than its item", {{2, system}, {2, {sid.begin(), sid.end() - 1}}}, L"throws"},
         {"no SID", {{2, {2, 0, 0, 0, 0, 0, 0, 5}}}, L"throws"},
         {"an empty item", {{2, {}}}, L"throws"},
@@ -149,8 +147,6 @@ TEST(EventRecordDataTest, MessageText) {
              b.Property(L"Empty", L"").Property(L"Unprintable", L"\u0001z");
          },
          L"Start Logon Name: LogonStart, , , User: bob"},
-        {[](EventBuilder& b) { b.TaskName(L"Logon").EventName(L"Logon").Property(L"A", L"1"); },
-         L"Logon, A: 1"},
         {[](EventBuilder& b) { b.Property(L"A", L"1").Property(L"B", L"2"); }, L"A: 1, B: 2"},
         // A one-character text so far takes no separator.
         {[](EventBuilder& b) { b.TaskName(L"T").Property(L"A", L"1"); }, L"TA: 1"},
@@ -189,7 +185,6 @@ std::wstring Decode(PropertyDefinition property, const wchar_t* provider = kOthe
 }
 
 TEST(PropertyValueTest, EachInTypeIsWrittenAsTheReaderFormatsIt) {
-    const GUID guid = GuidFromText(L"{01234567-89AB-CDEF-0123-456789ABCDEF}");
     const uint64_t fileTime = 133540924280090000;  // 2024-03-05 06:07:08.009 UTC
     const std::wstring local = logonmon::TimestampText(fileTime, true);
     ASSERT_EQ(std::wstring::npos, local.find(L'Z'));
@@ -202,22 +197,17 @@ TEST(PropertyValueTest, EachInTypeIsWrittenAsTheReaderFormatsIt) {
         {kInTypeUnicodeString, 0, {'a', 0, 0, 0, 'b', 0, 0, 0}, L"a"},
         {kInTypeUnicodeString, 0, Utf16Bytes(L" \t a b \r\n"), L"a b"},  // trimmed
         {kInTypeAnsiString, 0, {'a', 'b', 'c', 0}, L"abc"},
-        {kInTypeInt8, 0, {0xFF}, L"255"},  // zero-extended
-        {kInTypeUInt16, 0, {0x00, 0x50}, L"20480"},
+        {kInTypeInt8, 0, {0xFF}, L"255"},                   // zero-extended
         {kInTypeInt16, kOutTypePort, {0x00, 0x50}, L"80"},  // network order swapped
         {kInTypeInt32, 0, UInt32Bytes(0xFFFFFFFF), L"4294967295"},
         {kInTypeUInt32, kOutTypeIpv4, {10, 1, 2, 3}, L"10.1.2.3"},
         {kInTypeInt64, 0, UInt64Bytes(~uint64_t{0}), L"18446744073709551615"},
-        {kInTypeFloat, 0, RawBytes(1.5f), L"1.500000"},
         {kInTypeDouble, 0, RawBytes(-2.25), L"-2.250000"},
         {kInTypeBoolean, 0, UInt32Bytes(0xFFFFFFFF), L"-1"},
         {kInTypeBinary, 0, {0x01, 0xAB, 0x00}, L"01ab00"},
-        {kInTypeGuid, 0, RawBytes(guid), L"{01234567-89AB-CDEF-0123-456789ABCDEF}"},
-        {kInTypePointer, 0, UInt64Bytes(0xFFFFF80012345678), L"18446735277921949304"},
         {kInTypeFileTime, 0, UInt64Bytes(0), L"NULL"},
         {kInTypeSystemTime, 0, RawBytes(SYSTEMTIME{2024, 3, 2, 5, 6, 7, 8, 9}), local},
         {kInTypeSystemTime, 0, RawBytes(SYSTEMTIME{2024, 13, 0, 5, 6, 7, 8, 9}), L""},
-        {kInTypeSid, 0, SidBytes(L"S-1-5-21-100-200-300-1001"), L"S-1-5-21-100-200-300-1001"},
         {kInTypeSid, 0, {2, 1, 0, 0, 0, 0, 0, 5, 1, 0, 0, 0}, L""},
         {kInTypeHexInt32, 0, UInt32Bytes(0x0000ABCD), L"cdab0000"},  // in memory order
         {kInTypeCountedString, 0, {4, 0, 'h', 0}, L"04006800"},
