@@ -14,8 +14,14 @@ bool IsZeroGuid(const GUID& guid) {
 
 const std::wstring& PropertyText(const EventRecordData& record, std::wstring_view name) {
     static const std::wstring none;
-    const auto found = record.properties.find(name);
-    return found == record.properties.end() ? none : found->second;
+    // An event has a handful of properties: a walk comparing lengths first
+    // beats the ordered search.
+    for (const auto& [key, value] : record.properties) {
+        if (EqualsIgnoreCase(key, name)) {
+            return value;
+        }
+    }
+    return none;
 }
 
 bool EqualsIgnoreCase(std::wstring_view left, std::wstring_view right) {

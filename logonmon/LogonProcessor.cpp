@@ -240,6 +240,8 @@ void LogonProcessor::ProcessEvent(const std::shared_ptr<EventRecordData>& record
         DropSession(context);
         LinkToSession(*record, nullptr);
     } else {
+        // Only the time-out check's log lines read it again.
+        record->ReleasePayload();
         context->lastEvent = record;
     }
 }

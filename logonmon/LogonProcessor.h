@@ -119,7 +119,8 @@ class LogonProcessor {
 
     // Winlogon.
     void RouteWinlogon(EventRecordData& record);
-    void RecordWinlogonTimingPoint(EventRecordData& record, const std::wstring& notification);
+    void RecordWinlogonTimingPoint(EventRecordData& record, const std::wstring& notification,
+                                   const std::wstring& subscriber);
     void Winlogon_CreateSession(EventRecordData& record);
     void Winlogon_Login_Started(EventRecordData& record);
     void Profiles_Finished(EventRecordData& record);

@@ -8,16 +8,13 @@
 #include <string>
 #include <variant>
 
+#include "logonmon/TimingPoints.h"
 #include "trace/EventRecordData.h"
 #include "trace/Sid.h"
 
 struct SessionLog;
 
 namespace logonmon {
-
-// Named instants of a logon (100 ns FILETIME units); a later event
-// overwrites an earlier one. Looked up by name without building a string.
-using TimingPoints = std::map<std::wstring, uint64_t, std::less<>>;
 
 // A named duration: whole milliseconds, or seconds.
 using NamedDuration = std::variant<int32_t, float>;

@@ -1,6 +1,7 @@
 #include "logonmon/EventFields.h"
 #include "logonmon/LogonProcessor.h"
 #include "logonmon/ProcessorTexts.h"
+#include "logonmon/TimingPoints.h"
 
 namespace logonmon {
 
@@ -40,35 +41,36 @@ void LogonProcessor::RouteWinlogon(EventRecordData& record) {
         } else if (EqualsIgnoreCase(notification, L"Login")) {
             Winlogon_Login_Started(record);
         }
-    } else if (id != kNotificationStop && record.opcode == kOpcodeStop &&
-               EqualsIgnoreCase(notification, L"Login") &&
-               EqualsIgnoreCase(PropertyText(record, L"SubscriberName"), L"Profiles")) {
+    }
+    const std::wstring& subscriber = PropertyText(record, L"SubscriberName");
+    if ((id == kSubscriberStart || id == kSubscriberStop) && record.opcode == kOpcodeStop &&
+        EqualsIgnoreCase(notification, L"Login") && EqualsIgnoreCase(subscriber, L"Profiles")) {
         Profiles_Finished(record);
     }
     if (record.sessionContext) {
-        RecordWinlogonTimingPoint(record, notification);
+        RecordWinlogonTimingPoint(record, notification, subscriber);
     }
 }
 
 // "WL_" task "_" [subscriber "_"] notification "_" Start/Stop, e.g.
 // "WL_NotifyExecute_Login_Start", "WL_CallSubscriber_Profiles_Login_Start".
 void LogonProcessor::RecordWinlogonTimingPoint(EventRecordData& record,
-                                               const std::wstring& notification) {
-    const std::wstring& subscriber = PropertyText(record, L"SubscriberName");
+                                               const std::wstring& notification,
+                                               const std::wstring& subscriber) {
     const std::wstring_view ending = record.opcode == kOpcodeStart ? std::wstring_view(L"Start")
                                      : record.opcode == kOpcodeStop
                                          ? std::wstring_view(L"Stop")
                                          : std::wstring_view(record.opcodeName);
-    // Built in place, in one allocation.
-    std::wstring name;
-    name.reserve(8 + record.taskName.size() + subscriber.size() + notification.size() +
-                 ending.size());
-    name.append(L"WL_").append(record.taskName).append(L"_");
+    // Built in a buffer that keeps its size, then looked up in the interned
+    // names: no allocation once a name was seen.
+    thread_local std::wstring name;
+    name.assign(L"WL_").append(record.taskName).append(L"_");
     if (!subscriber.empty()) {
         name.append(subscriber).append(L"_");
     }
     name.append(notification).append(L"_").append(ending);
-    record.sessionContext->timingPoints.insert_or_assign(std::move(name), record.timestamp);
+    record.sessionContext->timingPoints.insert_or_assign(InternedTimingPointName(name),
+                                                         record.timestamp);
 }
 
 void LogonProcessor::Winlogon_CreateSession(EventRecordData& record) {
@@ -112,8 +114,8 @@ void LogonProcessor::Winlogon_Login_Started(EventRecordData& record) {
             context->userName.clear();
             context->userDomain.clear();
             sessionIndex_.ChangeSid(context, record.userSid);
+            context->userSidText = record.userSid->ToString();
         }
-        context->userSidText = record.userSid->ToString();
         LogFormatted(kLevelVerbose, kFunction, "SID: %ws. sessionId=%d",
                      context->userSidText.c_str(), context->sessionId);
     }

@@ -16,24 +16,20 @@ namespace logonmon {
 
 namespace {
 
-constexpr wchar_t kWhiteSpace[] = L" \t\r\n\v\f";
-
 // Only ASCII letters fold, as the narrow tolower does.
 wchar_t FoldCase(wchar_t c) {
     return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c + 32) : c;
 }
 
-bool SameName(const std::wstring& left, const std::wstring& right) {
+bool SameName(std::wstring_view left, std::wstring_view right) {
     return left.size() == right.size() &&
            std::equal(left.begin(), left.end(), right.begin(),
                       [](wchar_t a, wchar_t b) { return FoldCase(a) == FoldCase(b); });
 }
 
-// In place: a value that needs no trimming is not copied.
-std::wstring Trimmed(std::wstring text) {
-    text.erase(text.find_last_not_of(kWhiteSpace) + 1);
-    text.erase(0, text.find_first_not_of(kWhiteSpace));
-    return text;
+const std::wstring& NoText() {
+    static const std::wstring none;
+    return none;
 }
 
 std::wstring TextAt(const WCHAR* text) {
@@ -70,53 +66,31 @@ std::optional<Sid> UserSid(const EVENT_HEADER_EXTENDED_DATA_ITEM& item) {
     return sid;
 }
 
-void DecodeSchema(EventRecordData& data, const EVENT_RECORD& record) {
-    TdhApi& tdh = CurrentTdh();
-    std::shared_ptr<const EventSchemaBuffer> shared = CachedEventSchema(record, tdh);
-    if (shared == nullptr) {
+void ReadProperties(EventRecordData& data, const EVENT_RECORD& record, TdhApi& tdh) {
+    if (data.schema == nullptr) {
         return;
     }
-    const EventSchemaBuffer& schema = *shared;
-    const TRACE_EVENT_INFO& info = *schema.Info();
-    data.decodingSource = static_cast<uint32_t>(info.DecodingSource);
-    data.providerName = TextAt(SchemaText(schema, info.ProviderNameOffset));
-    data.taskName = TextAt(SchemaText(schema, info.TaskNameOffset));
-    data.opcodeName = Trimmed(TextAt(SchemaText(schema, info.OpcodeNameOffset)));
-    // The slots of the event name and the related name carry the older
-    // activity-id names in some SDKs.
-    data.eventName = SchemaText(schema, info.ActivityIDNameOffset);
+    const DecodedSchema& schema = *data.schema;
+    data.decodingSource = schema.decodingSource;
+    data.properties.reserve(schema.properties.size() + 2);  // with the two names
+    data.eventName = schema.eventName;
     if (data.eventName != nullptr) {
-        data.properties[L"name"] = TextAt(data.eventName);
+        data.properties[L"name"] = schema.eventNameText;
     }
-    data.relatedName = SchemaText(schema, info.RelatedActivityIDNameOffset);
+    data.relatedName = schema.relatedName;
     if (data.relatedName != nullptr) {
-        data.properties[L"related"] = TextAt(data.relatedName);
+        data.properties[L"related"] = schema.relatedNameText;
     }
-    data.message = SchemaText(schema, info.EventMessageOffset);
-
-    // Entries that do not lie inside the returned buffer are not read.
-    const uint32_t count = TopLevelPropertiesInBuffer(schema);
-    data.propertyNames.assign(count, nullptr);
-    const bool winlogon = GuidEquals(data.providerId, providers::kWinlogon);
-    for (uint32_t i = 0; i < count; ++i) {
-        const EVENT_PROPERTY_INFO& property = info.EventPropertyInfoArray[i];
-        if ((static_cast<uint32_t>(property.Flags) & etw::kPropertyStruct) != 0) {
-            continue;
-        }
-        const WCHAR* name = SchemaText(schema, property.NameOffset);
-        if (name == nullptr) {
-            continue;  // a property without a name cannot be asked for
-        }
-        std::wstring key = TextAt(name);
-        const PropertyReader reader(tdh, record, name);
-        std::wstring value = Trimmed(PropertyValueText(reader, property.nonStructType.InType,
-                                                       property.nonStructType.OutType,
-                                                       winlogon && SameName(key, L"Event")));
+    data.message = schema.message;
+    for (const DecodedSchema::Property& property : schema.properties) {
+        const PropertyReader reader(tdh, record, property.name);
         // A later property of the same name overwrites the earlier.
-        data.properties.insert_or_assign(std::move(key), std::move(value));
-        data.propertyNames[i] = name;
+        data.properties.insert_or_assign(
+            std::wstring_view(property.key),
+            Trimmed(PropertyValueText(reader, property.inType, property.outType,
+                                      property.winlogonNotification)));
     }
-    data.schema = std::move(shared);
+    data.propertyNames = schema.propertyNames;
 }
 
 std::wstring ExpandMessageTemplate(EventRecordData& data) {
@@ -154,7 +128,10 @@ std::wstring ExpandMessageTemplate(EventRecordData& data) {
         }
         // Inserts beyond the properties, or naming a structure, stay empty.
         if (insert <= data.propertyNames.size() && data.propertyNames[insert - 1] != nullptr) {
-            text += data.properties[TextAt(data.propertyNames[insert - 1])];
+            const auto value = data.properties.find(TextAt(data.propertyNames[insert - 1]));
+            if (value != data.properties.end()) {
+                text += value->second;
+            }
         }
         i = end - 1;
     }
@@ -178,7 +155,7 @@ std::wstring DescriptionFromNames(const EventRecordData& data) {
             description += L", ";
         }
         if (!value.empty() && std::iswprint(static_cast<wint_t>(value[0]))) {
-            description += key + L": " + value;
+            description.append(key).append(L": ").append(value);
         }
     }
     return data.opcodeName.empty() ? description : data.opcodeName + L" " + description;
@@ -193,7 +170,39 @@ bool PropertyNameLess::operator()(std::wstring_view left, std::wstring_view righ
         });
 }
 
-EventRecordData::EventRecordData(const EVENT_RECORD& record) {
+PropertyMap::const_iterator PropertyMap::find(std::wstring_view name) const {
+    return entries_.begin() + (const_cast<PropertyMap*>(this)->find(name) - entries_.begin());
+}
+
+PropertyMap::iterator PropertyMap::find(std::wstring_view name) {
+    const auto entry = LowerBound(name);
+    return entry != entries_.end() && SameName(entry->first, name) ? entry : entries_.end();
+}
+
+std::wstring& PropertyMap::operator[](std::wstring_view name) {
+    const auto entry = LowerBound(name);
+    if (entry != entries_.end() && SameName(entry->first, name)) {
+        return entry->second;
+    }
+    return entries_.emplace(entry, name, std::wstring())->second;
+}
+
+void PropertyMap::insert_or_assign(std::wstring_view name, std::wstring value) {
+    (*this)[name] = std::move(value);
+}
+
+PropertyMap::iterator PropertyMap::LowerBound(std::wstring_view name) {
+    return std::lower_bound(entries_.begin(), entries_.end(), name,
+                            [](const value_type& entry, std::wstring_view key) {
+                                return PropertyNameLess()(entry.first, key);
+                            });
+}
+
+EventRecordData::EventRecordData(const EVENT_RECORD& record)
+    : schema(CachedEventSchema(record, CurrentTdh())),
+      providerName(schema ? schema->providerName : NoText()),
+      taskName(schema ? schema->taskName : NoText()),
+      opcodeName(schema ? schema->opcodeName : NoText()) {
     const EVENT_HEADER& header = record.EventHeader;
     providerId = header.ProviderId;
     processId = header.ProcessId;
@@ -222,7 +231,7 @@ EventRecordData::EventRecordData(const EVENT_RECORD& record) {
         }
     }
 
-    DecodeSchema(*this, record);
+    ReadProperties(*this, record, CurrentTdh());
 
     // A length without data gives an empty buffer and a length of 0.
     if (record.UserData != nullptr && record.UserDataLength > 0) {
@@ -232,8 +241,15 @@ EventRecordData::EventRecordData(const EVENT_RECORD& record) {
     userDataLength = static_cast<uint32_t>(userData.size());
 }
 
+void EventRecordData::ReleasePayload() {
+    std::vector<uint8_t>().swap(userData);
+    userDataLength = 0;
+    properties.clear();
+    propertyNames = {};
+}
+
 const TRACE_EVENT_INFO* EventRecordData::EventInformation() const {
-    return schema ? schema->Info() : nullptr;
+    return schema ? schema->buffer.Info() : nullptr;
 }
 
 std::wstring EventRecordData::EventName() const {

@@ -4,11 +4,12 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "trace/EtwTypes.h"
@@ -20,18 +21,47 @@ namespace logonmon {
 struct SESSION_CONTEXT;
 
 // Orders property names without regard to ASCII case, character by
-// character; a key that is a prefix of a longer one sorts first. Names are
-// looked up without building a string.
+// character; a key that is a prefix of a longer one sorts first.
 struct PropertyNameLess {
-    using is_transparent = void;
     bool operator()(std::wstring_view left, std::wstring_view right) const;
+};
+
+// An event's properties by name, sorted by PropertyNameLess in one array: an
+// event has a handful. Keys view the names in the event's schema, or
+// literals.
+class PropertyMap {
+  public:
+    using value_type = std::pair<std::wstring_view, std::wstring>;
+    using iterator = std::vector<value_type>::iterator;
+    using const_iterator = std::vector<value_type>::const_iterator;
+
+    iterator begin() { return entries_.begin(); }
+    iterator end() { return entries_.end(); }
+    const_iterator begin() const { return entries_.begin(); }
+    const_iterator end() const { return entries_.end(); }
+    size_t size() const { return entries_.size(); }
+    bool empty() const { return entries_.empty(); }
+    void reserve(size_t count) { entries_.reserve(count); }
+    void clear() { std::vector<value_type>().swap(entries_); }
+
+    iterator find(std::wstring_view name);
+    const_iterator find(std::wstring_view name) const;
+    // Adds an empty value when the name is missing.
+    std::wstring& operator[](std::wstring_view name);
+    // A name already present keeps its first spelling.
+    void insert_or_assign(std::wstring_view name, std::wstring value);
+
+    friend bool operator==(const PropertyMap&, const PropertyMap&) = default;
+
+  private:
+    iterator LowerBound(std::wstring_view name);
+
+    std::vector<value_type> entries_;
 };
 
 // Thrown when the SID item of the extended data holds no whole SID; the
 // HRESULT of ERROR_INVALID_SID, as the system's copy reports it.
 inline constexpr char kUserSidCopyFailed[] = "Failed to copy the event's user SID: 0x80070539";
-
-using PropertyMap = std::map<std::wstring, std::wstring, PropertyNameLess>;
 
 class EventRecordData {
   public:
@@ -49,6 +79,10 @@ class EventRecordData {
     std::wstring LogPrefix() const;
     // The message template with its inserts, or text built from the names.
     std::wstring MessageText();
+
+    // Frees what only the handlers read (payload, properties), keeping what a
+    // log line shows of the event.
+    void ReleasePayload();
 
     // Text of the name pointers into the schema; empty when absent.
     std::wstring EventName() const;
@@ -70,17 +104,18 @@ class EventRecordData {
     uint8_t level = 0;
     uint8_t opcode = 0;
     uint32_t sessionId = 0xFFFFFFFF;
-    // Shared by the events of one kind.
-    std::shared_ptr<const EventSchemaBuffer> schema;
+    // Shared by the events of one kind; the names below live in it.
+    std::shared_ptr<const DecodedSchema> schema;
     uint32_t decodingSource = 0;
-    std::wstring providerName;
-    std::wstring taskName;
-    std::wstring opcodeName;
+    // Empty without a schema.
+    const std::wstring& providerName;
+    const std::wstring& taskName;
+    const std::wstring& opcodeName;
     const WCHAR* eventName = nullptr;
     const WCHAR* relatedName = nullptr;
     const WCHAR* message = nullptr;
     PropertyMap properties;
-    std::vector<const WCHAR*> propertyNames;
+    std::span<const WCHAR* const> propertyNames;
 
     // The session this event belongs to, linked by the logon processor.
     std::shared_ptr<SESSION_CONTEXT> sessionContext;

@@ -2,12 +2,23 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <string_view>
+
+#include "trace/TextForms.h"
 
 namespace logonmon {
 
 namespace {
 
 constexpr size_t kFixedPartSize = offsetof(TRACE_EVENT_INFO, EventPropertyInfoArray);
+
+bool IsEventName(const std::wstring& name) {
+    constexpr std::wstring_view kEvent = L"event";
+    return name.size() == kEvent.size() &&
+           std::equal(name.begin(), name.end(), kEvent.begin(), [](wchar_t a, wchar_t b) {
+               return (a >= L'A' && a <= L'Z' ? static_cast<wchar_t>(a + 32) : a) == b;
+           });
+}
 
 }  // namespace
 
@@ -51,6 +62,54 @@ uint32_t TopLevelPropertiesInBuffer(const EventSchemaBuffer& schema) {
     }
     const size_t fitting = (schema.size - kFixedPartSize) / sizeof(EVENT_PROPERTY_INFO);
     return static_cast<uint32_t>(std::min<size_t>(schema.Info()->TopLevelPropertyCount, fitting));
+}
+
+std::wstring Trimmed(std::wstring text) {
+    constexpr std::wstring_view kWhiteSpace = L" \t\r\n\v\f";
+    if (text.empty() || (kWhiteSpace.find(text.front()) == std::wstring_view::npos &&
+                         kWhiteSpace.find(text.back()) == std::wstring_view::npos)) {
+        return text;
+    }
+    text.erase(text.find_last_not_of(kWhiteSpace) + 1);
+    text.erase(0, text.find_first_not_of(kWhiteSpace));
+    return text;
+}
+
+DecodedSchema DecodeSchema(EventSchemaBuffer buffer, bool winlogon) {
+    DecodedSchema decoded;
+    const TRACE_EVENT_INFO& info = *buffer.Info();
+    decoded.decodingSource = static_cast<uint32_t>(info.DecodingSource);
+    decoded.providerName = WideFromUtf16(SchemaText(buffer, info.ProviderNameOffset));
+    decoded.taskName = WideFromUtf16(SchemaText(buffer, info.TaskNameOffset));
+    decoded.opcodeName = Trimmed(WideFromUtf16(SchemaText(buffer, info.OpcodeNameOffset)));
+    decoded.eventName = SchemaText(buffer, info.ActivityIDNameOffset);
+    decoded.eventNameText = WideFromUtf16(decoded.eventName);
+    decoded.relatedName = SchemaText(buffer, info.RelatedActivityIDNameOffset);
+    decoded.relatedNameText = WideFromUtf16(decoded.relatedName);
+    decoded.message = SchemaText(buffer, info.EventMessageOffset);
+
+    // Entries that do not lie inside the buffer are not read.
+    const uint32_t count = TopLevelPropertiesInBuffer(buffer);
+    decoded.propertyNames.assign(count, nullptr);
+    for (uint32_t i = 0; i < count; ++i) {
+        const EVENT_PROPERTY_INFO& property = info.EventPropertyInfoArray[i];
+        if ((static_cast<uint32_t>(property.Flags) & etw::kPropertyStruct) != 0) {
+            continue;
+        }
+        const WCHAR* name = SchemaText(buffer, property.NameOffset);
+        if (name == nullptr) {
+            continue;  // a property without a name cannot be asked for
+        }
+        DecodedSchema::Property& entry = decoded.properties.emplace_back();
+        entry.name = name;
+        entry.key = WideFromUtf16(name);
+        entry.inType = property.nonStructType.InType;
+        entry.outType = property.nonStructType.OutType;
+        entry.winlogonNotification = winlogon && IsEventName(entry.key);
+        decoded.propertyNames[i] = name;
+    }
+    decoded.buffer = std::move(buffer);
+    return decoded;
 }
 
 }  // namespace logonmon

@@ -1,9 +1,11 @@
-// Fetching an event's TRACE_EVENT_INFO and reading texts out of it without
-// trusting its offsets.
+// Fetching an event's TRACE_EVENT_INFO, reading texts out of it without
+// trusting its offsets, and the texts that events of one kind share.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "trace/EtwTypes.h"
 #include "trace/TdhApi.h"
@@ -29,5 +31,43 @@ const WCHAR* SchemaText(const EventSchemaBuffer& schema, uint32_t offset);
 
 // How many of the top-level property entries lie wholly inside the buffer.
 uint32_t TopLevelPropertiesInBuffer(const EventSchemaBuffer& schema);
+
+// `text` without surrounding white space, as schema texts and property values
+// are kept; a text that needs no trimming is not copied.
+std::wstring Trimmed(std::wstring text);
+
+// A schema with its texts converted once, for every event of its kind.
+struct DecodedSchema {
+    // A top-level property that can be read by name.
+    struct Property {
+        const WCHAR* name = nullptr;
+        std::wstring key;
+        uint16_t inType = 0;
+        uint16_t outType = 0;
+        // Winlogon's "Event", written as a notification name.
+        bool winlogonNotification = false;
+    };
+
+    EventSchemaBuffer buffer;
+    uint32_t decodingSource = 0;
+    std::wstring providerName;
+    std::wstring taskName;
+    // Without surrounding white space.
+    std::wstring opcodeName;
+    // The slots of the event name and the related name carry the older
+    // activity-id names in some SDKs.
+    const WCHAR* eventName = nullptr;
+    const WCHAR* relatedName = nullptr;
+    std::wstring eventNameText;
+    std::wstring relatedNameText;
+    const WCHAR* message = nullptr;
+    // In schema order; structures and unnamed entries are left out.
+    std::vector<Property> properties;
+    // By top-level index; null for a structure or an entry without a name.
+    std::vector<const WCHAR*> propertyNames;
+};
+
+// `winlogon`: the schema is of a Winlogon event.
+DecodedSchema DecodeSchema(EventSchemaBuffer buffer, bool winlogon);
 
 }  // namespace logonmon

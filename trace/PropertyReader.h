@@ -1,9 +1,10 @@
 // Reads one top-level property of an event through TDH, by name.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <stdexcept>
-#include <vector>
 
 #include "trace/EtwTypes.h"
 #include "trace/TdhApi.h"
@@ -14,12 +15,24 @@ inline constexpr char kGetValueFailed[] = "GetValue failed";
 inline constexpr char kGetValueAllocFailed[] = "GetValueAlloc failed";
 
 // A property's bytes as TDH gave them, followed by one zero byte so that
-// narrow text is always terminated.
-struct PropertyBytes {
-    std::vector<uint8_t> buffer;
+// narrow text is always terminated. Short values, the usual ones, need no
+// allocation.
+class PropertyBytes {
+  public:
+    // `size` zero bytes, then the terminating one.
+    explicit PropertyBytes(size_t size);
 
-    const uint8_t* data() const { return buffer.data(); }
-    size_t size() const { return buffer.size() - 1; }
+    uint8_t* data() { return heap_ ? heap_.get() : inline_; }
+    const uint8_t* data() const { return heap_ ? heap_.get() : inline_; }
+    size_t size() const { return size_; }
+
+  private:
+    static constexpr size_t kInlineSize = 256;
+
+    size_t size_;
+    // Aligned for any unit the value is read as.
+    alignas(std::max_align_t) uint8_t inline_[kInlineSize];
+    std::unique_ptr<uint8_t[]> heap_;
 };
 
 class PropertyReader {

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstring>
+#include <iterator>
 
 #include "trace/Sid.h"
 #include "trace/TextForms.h"
@@ -14,6 +15,22 @@ constexpr std::array<const wchar_t*, 14> kWinlogonNotifications = {
     L"CreateSession", L"TerminateSession", L"Login",        L"Logoff",     L"Lock",
     L"Unlock",        L"StartSSAsUser",    L"StopSSAsUser", L"Disconnect", L"Reconnect",
     L"StartSSAsNone", L"StopSSAsNone",     L"StartShell",   L"EndShell"};
+
+// What std::to_wstring writes for an integer, without the C library's
+// formatting machinery, which is most of the cost of a number property.
+std::wstring DecimalText(uint64_t magnitude, bool negative = false) {
+    wchar_t digits[21];
+    wchar_t* const end = digits + std::size(digits);
+    wchar_t* start = end;
+    do {
+        *--start = static_cast<wchar_t>(L'0' + magnitude % 10);
+        magnitude /= 10;
+    } while (magnitude != 0);
+    if (negative) {
+        *--start = L'-';
+    }
+    return std::wstring(start, end);
+}
 
 std::wstring HexBytes(const uint8_t* bytes, size_t size) {
     static constexpr wchar_t kDigits[] = L"0123456789abcdef";
@@ -71,14 +88,14 @@ std::wstring PropertyValueText(const PropertyReader& reader, uint16_t inType, ui
             return WideFromAnsi(reinterpret_cast<const char*>(reader.ReadAllocated().data()));
         case kInTypeInt8:
         case kInTypeUInt8:
-            return std::to_wstring(reader.ReadFixed<uint8_t>());
+            return DecimalText(uint64_t{reader.ReadFixed<uint8_t>()});
         case kInTypeInt16:
         case kInTypeUInt16: {
             uint16_t value = reader.ReadFixed<uint16_t>();
             if (outType == kOutTypePort) {
                 value = static_cast<uint16_t>(value >> 8 | value << 8);
             }
-            return std::to_wstring(value);
+            return DecimalText(uint64_t{value});
         }
         case kInTypeInt32:
         case kInTypeUInt32: {
@@ -87,18 +104,22 @@ std::wstring PropertyValueText(const PropertyReader& reader, uint16_t inType, ui
                 value < kWinlogonNotifications.size()) {
                 return kWinlogonNotifications[value];
             }
-            return outType == kOutTypeIpv4 ? Ipv4Text(value) : std::to_wstring(value);
+            return outType == kOutTypeIpv4 ? Ipv4Text(value) : DecimalText(uint64_t{value});
         }
         case kInTypeInt64:
         case kInTypeUInt64:
         case kInTypePointer:
-            return std::to_wstring(reader.ReadFixed<uint64_t>());
+            return DecimalText(reader.ReadFixed<uint64_t>());
         case kInTypeFloat:
             return std::to_wstring(static_cast<double>(reader.ReadFixed<float>()));
         case kInTypeDouble:
             return std::to_wstring(reader.ReadFixed<double>());
-        case kInTypeBoolean:
-            return std::to_wstring(static_cast<int32_t>(reader.ReadFixed<uint32_t>()));
+        case kInTypeBoolean: {
+            const auto value = static_cast<int32_t>(reader.ReadFixed<uint32_t>());
+            return DecimalText(value < 0 ? 0 - static_cast<uint64_t>(int64_t{value})
+                                         : static_cast<uint64_t>(value),
+                               value < 0);
+        }
         case kInTypeGuid:
             return GuidText(reader.ReadFixed<GUID>(), true);
         case kInTypeFileTime:

@@ -4,7 +4,8 @@
 #include <cstring>
 #include <map>
 #include <mutex>
-#include <tuple>
+
+#include "trace/Providers.h"
 
 namespace logonmon {
 
@@ -14,16 +15,19 @@ namespace {
 constexpr uint32_t kDecodingSourceTraceLogging = 3;
 constexpr uint16_t kExtTypeTraceLoggingSchema = 11;
 
-// What tells one kind of event from another, under the binding in use.
-using SchemaKey = std::tuple<uint64_t, std::array<uint8_t, sizeof(GUID)>, uint16_t, uint8_t,
-                             uint8_t, uint8_t, uint64_t>;
+// What tells one kind of event from another, under the binding in use:
+// the generation, the provider, then id, version, opcode and level packed,
+// then the keyword, compared as whole words.
+using SchemaKey = std::array<uint64_t, 5>;
 
 SchemaKey KeyOf(const EVENT_RECORD& record) {
     const EVENT_DESCRIPTOR& descriptor = record.EventHeader.EventDescriptor;
-    std::array<uint8_t, sizeof(GUID)> provider;
-    std::memcpy(provider.data(), &record.EventHeader.ProviderId, provider.size());
-    return {TdhBindingGeneration(), provider,         descriptor.Id,     descriptor.Version,
-            descriptor.Opcode,      descriptor.Level, descriptor.Keyword};
+    SchemaKey key{TdhBindingGeneration()};
+    std::memcpy(&key[1], &record.EventHeader.ProviderId, sizeof(GUID));
+    key[3] = uint64_t{descriptor.Id} << 24 | uint64_t{descriptor.Version} << 16 |
+             uint64_t{descriptor.Opcode} << 8 | descriptor.Level;
+    key[4] = descriptor.Keyword;
+    return key;
 }
 
 bool CarriesItsOwnSchema(const EVENT_RECORD& record) {
@@ -35,35 +39,37 @@ bool CarriesItsOwnSchema(const EVENT_RECORD& record) {
     return false;
 }
 
-std::shared_ptr<const EventSchemaBuffer> Fetch(const EVENT_RECORD& record, TdhApi& tdh) {
+std::shared_ptr<const DecodedSchema> Fetch(const EVENT_RECORD& record, TdhApi& tdh) {
     EventSchemaBuffer schema = QueryEventSchema(record, tdh);
-    return schema.bytes ? std::make_shared<const EventSchemaBuffer>(std::move(schema)) : nullptr;
+    if (!schema.bytes) {
+        return nullptr;
+    }
+    const bool winlogon = GuidEquals(record.EventHeader.ProviderId, providers::kWinlogon);
+    return std::make_shared<const DecodedSchema>(DecodeSchema(std::move(schema), winlogon));
 }
 
 }  // namespace
 
-std::shared_ptr<const EventSchemaBuffer> CachedEventSchema(const EVENT_RECORD& record,
-                                                           TdhApi& tdh) {
+std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& record, TdhApi& tdh) {
     if (CarriesItsOwnSchema(record)) {
         return Fetch(record, tdh);
     }
     static std::mutex mutex;
-    static std::map<SchemaKey, std::shared_ptr<const EventSchemaBuffer>> schemas;
+    static std::map<SchemaKey, std::shared_ptr<const DecodedSchema>> schemas;
     const SchemaKey key = KeyOf(record);
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (!schemas.empty() && std::get<0>(schemas.begin()->first) != std::get<0>(key)) {
+        if (!schemas.empty() && schemas.begin()->first[0] != key[0]) {
             schemas.clear();
         }
         if (const auto found = schemas.find(key); found != schemas.end()) {
             return found->second;
         }
     }
-    std::shared_ptr<const EventSchemaBuffer> schema = Fetch(record, tdh);
+    std::shared_ptr<const DecodedSchema> schema = Fetch(record, tdh);
     // Events without a schema are asked again: a manifest may be installed
     // meanwhile.
-    if (schema &&
-        static_cast<uint32_t>(schema->Info()->DecodingSource) != kDecodingSourceTraceLogging) {
+    if (schema && schema->decodingSource != kDecodingSourceTraceLogging) {
         std::lock_guard<std::mutex> lock(mutex);
         schemas.emplace(key, schema);
     }

@@ -10,11 +10,12 @@
 
 namespace logonmon {
 
-// The schema of `record` from `tdh`, fetched on the first event of its kind
-// (provider, id, version, opcode, level, keyword) and kept while the same
-// binding is installed. TraceLogging events carry their own schema and are
-// always asked for. Null when the event has no schema. Thread-safe.
-std::shared_ptr<const EventSchemaBuffer> CachedEventSchema(const EVENT_RECORD& record, TdhApi& tdh);
+// The schema of `record` from `tdh` with its texts, fetched and decoded on the
+// first event of its kind (provider, id, version, opcode, level, keyword) and
+// kept while the same binding is installed. TraceLogging events carry their
+// own schema and are always asked for. Null when the event has no schema.
+// Thread-safe.
+std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& record, TdhApi& tdh);
 
 // Changes whenever a binding is installed or removed (defined beside the
 // binding), so that no schema outlives the binding that served it.

@@ -19,7 +19,7 @@ using namespace plmx::testing;
 std::wstring Keys(const EventRecordData& data) {
     std::wstring keys;
     for (const auto& entry : data.properties) {
-        keys += entry.first + L" ";
+        keys.append(entry.first).append(L" ");
     }
     return keys;
 }
@@ -178,7 +178,8 @@ std::wstring Decode(PropertyDefinition property, const wchar_t* provider = kOthe
     try {
         const logonmon::EventRecordData data(
             builder.Provider(provider).Property(property).Record());
-        return data.properties.at(name);
+        const auto found = data.properties.find(name);
+        return found != data.properties.end() ? found->second : L"(absent)";
     } catch (const std::runtime_error& error) {
         return logonmon::WideFromAnsi(error.what());
     }
