@@ -82,6 +82,9 @@ TEST(BuiltInSchemaTdhTest, PropertiesComeFromTheirPlaceInThePayload) {
 }
 
 TEST(BuiltInSchemaTdhTest, NamesAsTdhReportsThemAndUnknownEventsGoToTheFallback) {
+    logonmon::TdhApi& outside = logonmon::CurrentTdh();
+    { const BuiltInDecoder inner; }
+    EXPECT_EQ(&outside, &logonmon::CurrentTdh());  // an ended binding restores the one before
     const BuiltInDecoder decoder;
     const struct {
         GUID provider;

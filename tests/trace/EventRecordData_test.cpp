@@ -231,6 +231,7 @@ TEST(PropertyValueTest, WinlogonNotificationsAreNamedAndReadFailuresThrowTheRead
         {kWinlogon, UInt32Property(L"Event", 14), L"14"},
         {kOther, UInt32Property(L"Event", 2), L"2"},
         {kWinlogon, UInt32Property(L"Events", 2), L"2"},
+        {kWinlogon, UInt32Property(L"Even", 2), L"2"},
         {kWinlogon, {L"Event", kInTypeInt32, 0, UInt32Bytes(2)}, L"2"},
         {kOther, {L"V", kInTypeUInt32, 0, UInt64Bytes(1)}, L"GetValue failed"},  // too large
         {kOther, UInt32Property(L"V", 1), L"GetValue failed", 0, kErrorNotFound},

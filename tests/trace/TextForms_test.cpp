@@ -35,9 +35,9 @@ TEST(TextFormsTest, TextConversions) {
     const char16_t text[] = u"a\U0001F600\u00E9\0ignored";
     EXPECT_EQ("a\xF0\x9F\x98\x80\xC3\xA9", Utf8FromWide(WideFromUtf16(text)));
     EXPECT_EQ("a", Utf8FromWide(WideFromUtf16(text, 1)));
-    const char16_t lone[] = {u'x', 0xD800, u'y', 0};               // an unpaired surrogate
+    const char16_t lone[] = {u'x', 0xD800, 0xE000, 0};             // an unpaired surrogate
     const char16_t edges[] = {0xD800, 0xDC00, 0xDBFF, 0xDFFF, 0};  // U+10000 and U+10FFFF
-    EXPECT_EQ("x\xEF\xBF\xBDy", Utf8FromWide(WideFromUtf16(lone)));
+    EXPECT_EQ("x\xEF\xBF\xBD\xEE\x80\x80", Utf8FromWide(WideFromUtf16(lone)));
     EXPECT_EQ("\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", Utf8FromWide(WideFromUtf16(edges)));
     EXPECT_EQ(L"plain text", WideFromAnsi("plain text"));
 }
