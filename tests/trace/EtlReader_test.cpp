@@ -2,6 +2,7 @@
 // wrote, and against damaged files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <sstream>
@@ -11,6 +12,7 @@
 #include "tests/support/EventBuilder.h"
 #include "trace/EtlReader.h"
 #include "trace/EtlWriter.h"
+#include "trace/EventRecordData.h"
 #include "trace/TextForms.h"
 
 namespace {
@@ -23,24 +25,17 @@ constexpr uint64_t kTime = 133540924280090000;
 constexpr size_t kBuffer = 512;
 constexpr size_t kFirstEvent = kBuffer + 72;
 
-// Each delivered event as "<id> <provider> <time - kTime> <session> <user data>".
+// Each delivered event as "<id> <provider's first part> <time - kTime> <session> <user data>".
 EtlReadResult ReadBytes(const std::string& bytes, std::vector<std::wstring>* events) {
-    return ReadEtlBytes(
-        reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), [&](const EVENT_RECORD& r) {
-            uint32_t session = 0xFFFFFFFF;
-            for (uint16_t i = 0; i < r.ExtendedDataCount; ++i) {
-                if (r.ExtendedData[i].ExtType == logonmon::etw::kExtTypeTsId) {
-                    std::memcpy(&session, reinterpret_cast<const void*>(r.ExtendedData[i].DataPtr),
-                                sizeof session);
-                }
-            }
-            const auto* data = static_cast<const uint8_t*>(r.UserData);
-            events->push_back(std::to_wstring(r.EventHeader.EventDescriptor.Id) + L" " +
-                              logonmon::GuidText(r.EventHeader.ProviderId) + L" " +
-                              std::to_wstring(r.EventHeader.TimeStamp.QuadPart - kTime) + L" " +
-                              std::to_wstring(session) + L" " + std::to_wstring(r.UserDataLength) +
-                              L"x" + std::to_wstring(data[r.UserDataLength - 1]));
-        });
+    ScopedFakeTdh tdh;
+    const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
+    return ReadEtlBytes(data, bytes.size(), [&](const EVENT_RECORD& record) {
+        const logonmon::EventRecordData e(record);
+        events->push_back(
+            std::to_wstring(e.eventId) + L" " + logonmon::GuidText(e.providerId).substr(1, 4) +
+            L" " + std::to_wstring(e.timestamp - kTime) + L" " + std::to_wstring(e.sessionId) +
+            L" " + std::to_wstring(e.userData.size()) + L"x" + std::to_wstring(e.userData.back()));
+    });
 }
 
 // Six events whose timestamps are not in writing order, in buffers of 512
@@ -48,16 +43,12 @@ EtlReadResult ReadBytes(const std::string& bytes, std::vector<std::wstring>* eve
 std::string WrittenTrace() {
     std::stringstream out;
     EtlWriter writer(out, EtlWriterOptions{kBuffer, u"logonmon_test", u"C:\\test.etl"});
-    const uint64_t offsets[] = {30, 10, 50, 20, 60, 40};
+    const uint64_t offsets[] = {30, 10, 30, 20, 60, 40};  // equal times keep their order
     for (uint16_t i = 0; i < 6; ++i) {
         EventBuilder builder;
-        builder.Provider(i % 2 == 0 ? kWinlogon : kProfiles)
-            .EventId(static_cast<uint16_t>(100 + i))
-            .Timestamp(kTime + offsets[i])
-            .SessionId(i)
-            .UserSid(L"S-1-5-21-1-2-3-1001")
-            .Payload(std::vector<uint8_t>(40 + i, static_cast<uint8_t>(i)));
-        writer.Write(builder.Record());
+        builder.Provider(i % 2 == 0 ? kWinlogon : kProfiles).EventId(100 + i).SessionId(i);
+        builder.Timestamp(kTime + offsets[i]).UserSid(L"S-1-5-21-1-2-3-1001");
+        writer.Write(builder.Payload(std::vector<uint8_t>(40 + i, i)).Record());
     }
     EXPECT_TRUE(writer.Finish());
     return out.str();
@@ -68,11 +59,9 @@ TEST(EtlReaderTest, RoundTripsWrittenEventsInTimestampOrder) {
     const EtlReadResult result = ReadBytes(WrittenTrace(), &events);
     ASSERT_TRUE(result.complete) << result.error;
     EXPECT_EQ(result.events, 6u);
-    const std::wstring winlogon = kWinlogon, profiles = kProfiles;
-    EXPECT_EQ(events, (std::vector<std::wstring>{
-                          L"101 " + profiles + L" 10 1 41x1", L"103 " + profiles + L" 20 3 43x3",
-                          L"100 " + winlogon + L" 30 0 40x0", L"105 " + profiles + L" 40 5 45x5",
-                          L"102 " + winlogon + L" 50 2 42x2", L"104 " + winlogon + L" 60 4 44x4"}));
+    EXPECT_EQ(events, (std::vector<std::wstring>{L"101 89B1 10 1 41x1", L"103 89B1 20 3 43x3",
+                                                 L"100 DBE9 30 0 40x0", L"102 DBE9 30 2 42x2",
+                                                 L"105 89B1 40 5 45x5", L"104 DBE9 60 4 44x4"}));
 }
 
 TEST(EtlReaderTest, ReadsFilesThatWindowsWrote) {
@@ -84,14 +73,12 @@ TEST(EtlReaderTest, ReadsFilesThatWindowsWrote) {
         const char* file;
         uint64_t events;
         const wchar_t* provider;  // of the first event
-        bool oneProvider;
         int64_t first;  // the first event's time, converted by hand from its raw QPC reading
         int64_t end;    // the session's end time
     } cases[] = {
-        {"AMSITrace.etl", 19, L"{8E805EB3-6A8F-4A1E-90FA-A831D94E54A1}", true, 0,
-         132264174000260662},
-        {"lxcore_kernel.etl", 2, L"{0CD1C309-0878-4515-83DB-749843B3F5C9}", false,
-         132392018769026510, 132392018832816874},
+        {"AMSITrace.etl", 19, L"{8E805EB3-6A8F-4A1E-90FA-A831D94E54A1}", 0, 132264174000260662},
+        {"lxcore_kernel.etl", 2, L"{0CD1C309-0878-4515-83DB-749843B3F5C9}", 132392018769026510,
+         132392018832816874},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.file);
@@ -107,10 +94,7 @@ TEST(EtlReaderTest, ReadsFilesThatWindowsWrote) {
         EXPECT_EQ(events.front().first, c.provider);
         EXPECT_TRUE(c.first == 0 || events.front().second == c.first) << events.front().second;
         EXPECT_LE(events.back().second, c.end);
-        for (size_t i = 1; i < events.size(); ++i) {
-            EXPECT_LE(events[i - 1].second, events[i].second);
-            EXPECT_TRUE(!c.oneProvider || events[i].first == c.provider);
-        }
+        EXPECT_TRUE(std::ranges::is_sorted(events, {}, &decltype(events)::value_type::second));
     }
 }
 
@@ -134,17 +118,12 @@ TEST(EtlReaderTest, DamageStopsWithItsOffsetAfterTheEventsBeforeIt) {
          "the log-file header counts 5 buffers, the file holds 4; the next is missing at offset " +
              std::to_string(4 * kBuffer),
          6},
-        {setU16(kBuffer + 0x30, 513),
-         "buffer data end 513 lies outside its buffer at offset " + std::to_string(kBuffer + 0x30),
-         0},
         {setU16(2 * kBuffer + 72 + 80, 400),
          "an extended data item runs past its record at offset " +
              std::to_string(2 * kBuffer + 72 + 80),
          2},
-        {[](std::string& b) { b.assign(400, 'x'); }, "is not usable at offset 0", 0},
         {[](std::string& b) { b.resize(378); },
          "a file of 378 bytes is too short for a log-file header", 0},
-        {[](std::string& b) { b[72 + 2] = 3; }, "the first record is not a log-file header", 0},
         {setU16(kFirstEvent + 2, 0x0013),
          "unknown record marker 0x001300B0 at offset " + std::to_string(kFirstEvent), 0},
     };

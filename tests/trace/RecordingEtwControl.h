@@ -26,12 +26,10 @@ class RecordingEtwControl final : public EtwControlApi {
     ULONG stopResult = ERROR_SUCCESS;
     size_t failingEnable = SIZE_MAX;  // index of the EnableTraceEx2 call that fails
 
-    // "Start <name>", "Enable", "Close <handle>", "Stop <name>"
-    std::vector<std::string> calls;
-    // The properties each start and stop passed, as Block() writes them.
-    std::vector<std::string> blocks;
-    // "<provider> <level> <enable property> <filter bytes>" of each enabled provider
-    // that got the session's handle, default keywords and version 2 parameters.
+    std::vector<std::string> calls;   // "Start <name>", "Enable", "Close <handle>", "Stop <name>"
+    std::vector<std::string> blocks;  // the properties of each start and stop, as Block() has them
+    // "<provider> <level> <enable property> <filter bytes>" of each provider
+    // enabled with the session's handle, default keywords and version 2 parameters.
     std::vector<std::string> enables;
 
     ULONG StartTrace(TRACEHANDLE* handle, const wchar_t* name,
@@ -57,7 +55,10 @@ class RecordingEtwControl final : public EtwControlApi {
         for (ULONG i = 0; i < parameters->FilterDescCount; ++i) {
             const EVENT_FILTER_DESCRIPTOR& filter = parameters->EnableFilterDesc[i];
             call += filter.Type == 0x80000200 ? " " : " type? ";  // EVENT_FILTER_TYPE_EVENT_ID
-            call += Hex(reinterpret_cast<const uint8_t*>(filter.Ptr), filter.Size);
+            for (ULONG at = 0; at < filter.Size; ++at) {
+                const uint8_t byte = reinterpret_cast<const uint8_t*>(filter.Ptr)[at];
+                call += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]};
+            }
         }
         const bool plain = handle == kSessionHandle && code == EVENT_CONTROL_CODE_ENABLE_PROVIDER &&
                            matchAny + matchAll + timeout == 0 && parameters->Version == 2;
@@ -75,13 +76,6 @@ class RecordingEtwControl final : public EtwControlApi {
             SetLastError(result);
         }
         return result;
-    }
-    static std::string Hex(const uint8_t* bytes, size_t size) {
-        std::string text;
-        for (size_t i = 0; i < size; ++i) {
-            text += {"0123456789abcdef"[bytes[i] >> 4], "0123456789abcdef"[bytes[i] & 15]};
-        }
-        return text;
     }
     // "<size> <flags> <clock> <mode> <name> <file>", the texts found at their offsets.
     static std::string Block(const EVENT_TRACE_PROPERTIES* p) {

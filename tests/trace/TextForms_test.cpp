@@ -1,8 +1,7 @@
+// Text forms of times, SIDs and strings.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <ctime>
-
+#include "trace/Sid.h"
 #include "trace/TextForms.h"
 
 namespace {
@@ -32,39 +31,41 @@ TEST(TextFormsTest, TimestampsAndTheirCalendar) {
     }
 }
 
-#ifndef _WIN32
-TEST(TextFormsTest, LocalTimestampsFollowTheTimeZone) {
-    const char* previous = std::getenv("TZ");
-    const std::string saved = previous != nullptr ? previous : "";
-    setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1);
-    tzset();
-    // Winter and summer time, and back from the local calendar.
-    for (const auto& [fileTime, text] :
-         {std::pair{133497936001230000ull, L"2024-01-15T07:00:00:123"},
-          std::pair{133655184004560000ull, L"2024-07-15T08:00:00:456"}}) {
-        EXPECT_EQ(text, TimestampText(fileTime, true));
-        uint64_t back = 0;
-        ASSERT_TRUE(LocalSystemTimeToFileTime(
-            UtcToLocalSystemTime(FileTimeToUtcSystemTime(fileTime)), &back));
-        EXPECT_EQ(fileTime, back);
-    }
-    previous != nullptr ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
-    tzset();
-}
-#endif
-
-TEST(TextFormsTest, GuidsAndTextConversions) {
-    const GUID guid{0xDBE9B383, 0x7CF3, 0x4331, {0x91, 0xCC, 0xA3, 0xCB, 0x16, 0xA3, 0xB5, 0x38}};
-    EXPECT_EQ(L"{DBE9B383-7CF3-4331-91CC-A3CB16A3B538}", GuidText(guid));
-    EXPECT_EQ(L"DBE9B383-7CF3-4331-91CC-A3CB16A3B538", GuidText(guid, false));
+TEST(TextFormsTest, TextConversions) {
     const char16_t text[] = u"a\U0001F600\u00E9\0ignored";
     EXPECT_EQ("a\xF0\x9F\x98\x80\xC3\xA9", Utf8FromWide(WideFromUtf16(text)));
     EXPECT_EQ("a", Utf8FromWide(WideFromUtf16(text, 1)));
-    const char16_t lone[] = {u'x', 0xD800, u'y', 0};               // an unpaired surrogate
+    const char16_t lone[] = {u'x', 0xD800, 0xE000, 0};             // an unpaired surrogate
     const char16_t edges[] = {0xD800, 0xDC00, 0xDBFF, 0xDFFF, 0};  // U+10000 and U+10FFFF
-    EXPECT_EQ("x\xEF\xBF\xBDy", Utf8FromWide(WideFromUtf16(lone)));
+    EXPECT_EQ("x\xEF\xBF\xBD\xEE\x80\x80", Utf8FromWide(WideFromUtf16(lone)));
     EXPECT_EQ("\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", Utf8FromWide(WideFromUtf16(edges)));
     EXPECT_EQ(L"plain text", WideFromAnsi("plain text"));
+}
+
+TEST(SidTest, TextAndBinaryFormsRoundTripAndMalformedInputIsRefused) {
+    for (const wchar_t* text : {L"S-1-5-18", L"S-1-0", L"S-1-4294967295-1",
+                                L"S-1-0x010000000000-7",  // 2^32 and more in hexadecimal
+                                L"S-1-0xFFFFFFFFFFFF-1-2-3-4-5-6-7-8-9-10-11-12-13-14-15"}) {
+        const auto sid = Sid::FromString(text);
+        ASSERT_TRUE(sid.has_value());
+        EXPECT_EQ(text, sid->ToString());
+        EXPECT_EQ(sid, Sid::FromBytes(sid->Bytes().data(), sid->Bytes().size()));
+    }
+    std::vector<uint8_t> bytes = Sid::FromString(L"S-1-5-32-544")->Bytes();
+    EXPECT_EQ((std::vector<uint8_t>{1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 0x20, 2, 0, 0}), bytes);
+    bytes.push_back(0xAA);  // bytes after the declared length are not the SID's
+    EXPECT_EQ(L"S-1-5-32-544", Sid::FromBytes(bytes.data(), bytes.size())->ToString());
+    for (const wchar_t* text : {L"S-1", L"S-2-5-18", L"S-1-5--1", L"S-1-5-4294967296"}) {
+        EXPECT_FALSE(Sid::FromString(text).has_value());
+    }
+    std::vector<uint8_t> tooManyParts(8 + 16 * 4, 0);
+    tooManyParts[0] = 1;
+    tooManyParts[1] = 16;
+    EXPECT_FALSE(Sid::FromBytes(bytes.data(), 15).has_value());
+    EXPECT_FALSE(Sid::FromBytes(nullptr, 0).has_value());
+    bytes[0] = 2;
+    EXPECT_FALSE(Sid::FromBytes(bytes.data(), bytes.size()).has_value());
+    EXPECT_FALSE(Sid::FromBytes(tooManyParts.data(), tooManyParts.size()).has_value());
 }
 
 }  // namespace
