@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <iterator>
+#include <optional>
 
 #include "logonmon/CurrentRecord.h"
 #include "logonmon/EventFields.h"
@@ -55,14 +56,6 @@ LogonProcessor::LogonProcessor(const SESSION_CONFIG& config, const ProcessorServ
 
 LogonProcessor::~LogonProcessor() {
     StopTimer();
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
-    // A session and its last event refer to each other.
-    for (const auto& context : activeSessions_) {
-        if (context->lastEvent) {
-            LinkToSession(*context->lastEvent, nullptr);
-            context->lastEvent.reset();
-        }
-    }
 }
 
 void LogonProcessor::OnLogonStart(SESSION_CONTEXT&) {}
@@ -240,9 +233,7 @@ void LogonProcessor::ProcessEvent(const std::shared_ptr<EventRecordData>& record
         DropSession(context);
         LinkToSession(*record, nullptr);
     } else {
-        // Only the time-out check's log lines read it again.
-        record->ReleasePayload();
-        context->lastEvent = record;
+        context->lastEvent = record->LineFields();
     }
 }
 
@@ -352,8 +343,11 @@ void LogonProcessor::RunSessionTimeoutCheck(bool forced) {
     const auto sessions = activeSessions_;
     for (const auto& context : sessions) {
         // Lines written meanwhile go to the session's log with its last event.
-        const std::shared_ptr<EventRecordData> lastEvent = context->lastEvent;
-        ScopedCurrentRecord current(lastEvent.get());
+        std::optional<EventRecordData> lastEvent;
+        if (context->lastEvent) {
+            LinkToSession(lastEvent.emplace(*context->lastEvent), context);
+        }
+        ScopedCurrentRecord current(lastEvent ? &*lastEvent : nullptr);
         ProcessSessionState(*context, now, forced);
         if (context->logonComplete) {
             DropSession(context);
@@ -421,10 +415,6 @@ void LogonProcessor::DropSession(const std::shared_ptr<SESSION_CONTEXT>& context
     activeSessions_.erase(std::remove(activeSessions_.begin(), activeSessions_.end(), context),
                           activeSessions_.end());
     sessionIndex_.Remove(*context);
-    if (context->lastEvent) {
-        LinkToSession(*context->lastEvent, nullptr);
-        context->lastEvent.reset();
-    }
 }
 
 void LogonProcessor::VisitSessions(const std::function<void(SESSION_CONTEXT&)>& visitor) {

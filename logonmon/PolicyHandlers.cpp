@@ -56,7 +56,7 @@ void LogonProcessor::GroupPolicy_CSEFinished(EventRecordData& record) {
     }
     SESSION_CONTEXT& context = *record.sessionContext;
     // An unreadable time still lists the extension, at 0 ms.
-    context.cseDurations[PropertyText(record, L"CSEExtensionName")] +=
+    context.cseDurations[InternedName(PropertyText(record, L"CSEExtensionName"))] +=
         ParseDecimal(PropertyText(record, L"CSEElaspedTimeInMilliSeconds")).value_or(0);
     if (ParseDecimal(PropertyText(record, L"ErrorCode")).value_or(0) != 0) {
         ++context.failedPolicies;

@@ -8,6 +8,7 @@
 #include <string>
 #include <variant>
 
+#include "logonmon/NamedValues.h"
 #include "logonmon/TimingPoints.h"
 #include "trace/EventRecordData.h"
 #include "trace/Sid.h"
@@ -36,8 +37,8 @@ struct SESSION_CONTEXT {
     // The remote agent attached an application session, which has no shell.
     bool applicationSession = false;
     bool logonComplete = false;
-    // The latest event routed here, kept for the timeout check's log lines.
-    std::shared_ptr<EventRecordData> lastEvent;
+    // The latest event routed here, as the timeout check's log lines show it.
+    std::optional<EventLineFields> lastEvent;
     TimingPoints timingPoints;
     // 0xFFFFFFFF once Winlogon's Profiles subscriber finished the logon.
     uint32_t profileFinished = 0;
@@ -53,10 +54,10 @@ struct SESSION_CONTEXT {
     int32_t syncPolicies = 0;
     int32_t changedPolicies = 0;
     int32_t failedPolicies = 0;
-    // Extension name to milliseconds spent in it.
-    std::map<std::wstring, uint32_t> cseDurations;
+    // Extension name (interned) to milliseconds spent in it.
+    NamedValues<uint32_t> cseDurations;
     // Policy and logon script times by name.
-    std::map<std::wstring, NamedDuration> namedDurations;
+    NamedValues<NamedDuration> namedDurations;
     // By process id.
     std::map<uint32_t, ScriptHost> scriptHosts;
 

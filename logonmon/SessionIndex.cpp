@@ -1,32 +1,58 @@
 #include "logonmon/SessionIndex.h"
 
 #include <algorithm>
+#include <vector>
 
 namespace logonmon {
 
 namespace {
 
-template <typename Index, typename Key>
-void Erase(Index& index, const Key& key, const SESSION_CONTEXT& context) {
-    const auto bucket = index.find(key);
-    if (bucket == index.end()) {
-        return;
+struct SessionIdOrder {
+    static uint32_t KeyOf(const SESSION_CONTEXT& context) { return context.sessionId; }
+    bool operator()(const std::shared_ptr<SESSION_CONTEXT>& entry, uint32_t key) const {
+        return entry->sessionId < key;
     }
-    std::erase_if(bucket->second,
-                  [&context](const auto& entry) { return entry.get() == &context; });
-    if (bucket->second.empty()) {
-        index.erase(bucket);
+    bool operator()(uint32_t key, const std::shared_ptr<SESSION_CONTEXT>& entry) const {
+        return key < entry->sessionId;
+    }
+};
+
+// Only sessions with a user are in this index.
+struct SidOrder {
+    using Bytes = std::vector<uint8_t>;
+    static const Bytes& KeyOf(const SESSION_CONTEXT& context) { return context.userSid->Bytes(); }
+    bool operator()(const std::shared_ptr<SESSION_CONTEXT>& entry, const Bytes& key) const {
+        return KeyOf(*entry) < key;
+    }
+    bool operator()(const Bytes& key, const std::shared_ptr<SESSION_CONTEXT>& entry) const {
+        return key < KeyOf(*entry);
+    }
+};
+
+template <typename Order, typename Sessions>
+void Insert(Sessions& index, const std::shared_ptr<SESSION_CONTEXT>& context) {
+    index.insert(std::upper_bound(index.begin(), index.end(), Order::KeyOf(*context), Order()),
+                 context);
+}
+
+template <typename Order, typename Sessions>
+void Erase(Sessions& index, const SESSION_CONTEXT& context) {
+    const auto [first, last] =
+        std::equal_range(index.begin(), index.end(), Order::KeyOf(context), Order());
+    const auto found = std::find_if(first, last, [&context](const auto& entry) {
+        return entry.get() == &context;
+    });
+    if (found != last) {
+        index.erase(found);
     }
 }
 
-template <typename Index, typename Key>
-std::shared_ptr<SESSION_CONTEXT> Newest(const Index& index, const Key& key, uint64_t timestamp) {
-    const auto bucket = index.find(key);
-    if (bucket == index.end()) {
-        return nullptr;
-    }
+template <typename Order, typename Sessions, typename Key>
+std::shared_ptr<SESSION_CONTEXT> Newest(const Sessions& index, const Key& key, uint64_t timestamp) {
+    const auto [first, last] = std::equal_range(index.begin(), index.end(), key, Order());
     std::shared_ptr<SESSION_CONTEXT> newest;
-    for (const auto& context : bucket->second) {
+    for (auto entry = first; entry != last; ++entry) {
+        const auto& context = *entry;
         if (context->createdAt <= timestamp &&
             (!newest || context->createdAt >= newest->createdAt)) {
             newest = context;
@@ -38,37 +64,37 @@ std::shared_ptr<SESSION_CONTEXT> Newest(const Index& index, const Key& key, uint
 }  // namespace
 
 void SessionIndex::Add(const std::shared_ptr<SESSION_CONTEXT>& context) {
-    bySessionId_[context->sessionId].push_back(context);
+    Insert<SessionIdOrder>(bySessionId_, context);
     if (context->userSid) {
-        bySid_[context->userSid->Bytes()].push_back(context);
+        Insert<SidOrder>(bySid_, context);
     }
 }
 
 void SessionIndex::Remove(const SESSION_CONTEXT& context) {
-    Erase(bySessionId_, context.sessionId, context);
+    Erase<SessionIdOrder>(bySessionId_, context);
     if (context.userSid) {
-        Erase(bySid_, context.userSid->Bytes(), context);
+        Erase<SidOrder>(bySid_, context);
     }
 }
 
 void SessionIndex::ChangeSid(const std::shared_ptr<SESSION_CONTEXT>& context,
                              const std::optional<Sid>& sid) {
     if (context->userSid) {
-        Erase(bySid_, context->userSid->Bytes(), *context);
+        Erase<SidOrder>(bySid_, *context);
     }
     context->userSid = sid;
     if (sid) {
-        bySid_[sid->Bytes()].push_back(context);
+        Insert<SidOrder>(bySid_, context);
     }
 }
 
 std::shared_ptr<SESSION_CONTEXT> SessionIndex::BySessionId(uint32_t sessionId,
                                                            uint64_t timestamp) const {
-    return Newest(bySessionId_, sessionId, timestamp);
+    return Newest<SessionIdOrder>(bySessionId_, sessionId, timestamp);
 }
 
 std::shared_ptr<SESSION_CONTEXT> SessionIndex::BySid(const Sid& sid, uint64_t timestamp) const {
-    return Newest(bySid_, sid.Bytes(), timestamp);
+    return Newest<SidOrder>(bySid_, sid.Bytes(), timestamp);
 }
 
 }  // namespace logonmon

@@ -3,9 +3,7 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "logonmon/SessionContext.h"
@@ -25,11 +23,11 @@ class SessionIndex {
     std::shared_ptr<SESSION_CONTEXT> BySid(const Sid& sid, uint64_t timestamp) const;
 
   private:
-    // In the order the sessions were added.
+    // Sorted by their key; sessions of one key in the order they were added.
     using Sessions = std::vector<std::shared_ptr<SESSION_CONTEXT>>;
 
-    std::unordered_map<uint32_t, Sessions> bySessionId_;
-    std::map<std::vector<uint8_t>, Sessions, std::less<>> bySid_;
+    Sessions bySessionId_;
+    Sessions bySid_;
 };
 
 }  // namespace logonmon

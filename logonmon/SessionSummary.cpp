@@ -70,10 +70,10 @@ void LogonProcessor::LogSummary(SESSION_CONTEXT& session) {
 
     for (const auto& [name, value] : session.namedDurations) {
         if (const float* seconds = std::get_if<float>(&value)) {
-            LogFormatted(kLevelInfo, kFunction, "%ws: %.2f seconds", name.c_str(),
+            LogFormatted(kLevelInfo, kFunction, "%ws: %.2f seconds", std::wstring(name).c_str(),
                          static_cast<double>(*seconds));
         } else {
-            LogFormatted(kLevelInfo, kFunction, "%ws: %dms", name.c_str(),
+            LogFormatted(kLevelInfo, kFunction, "%ws: %dms", std::wstring(name).c_str(),
                          std::get<int32_t>(value));
         }
     }
@@ -90,7 +90,8 @@ void LogonProcessor::LogSummary(SESSION_CONTEXT& session) {
     LogFormatted(kLevelInfo, kFunction, "   Group Policy CSE Total Time: %dms",
                  static_cast<int32_t>(cseTotalMs));
     for (const auto& [extension, milliseconds] : session.cseDurations) {
-        LogFormatted(kLevelInfo, kFunction, "     CSE: '%ws' Duration: %dms", extension.c_str(),
+        LogFormatted(kLevelInfo, kFunction, "     CSE: '%ws' Duration: %dms",
+                     std::wstring(extension).c_str(),
                      static_cast<int32_t>(milliseconds));
     }
 

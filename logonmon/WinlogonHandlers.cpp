@@ -69,7 +69,7 @@ void LogonProcessor::RecordWinlogonTimingPoint(EventRecordData& record,
         name.append(subscriber).append(L"_");
     }
     name.append(notification).append(L"_").append(ending);
-    record.sessionContext->timingPoints.insert_or_assign(InternedTimingPointName(name),
+    record.sessionContext->timingPoints.insert_or_assign(InternedName(name),
                                                          record.timestamp);
 }
 

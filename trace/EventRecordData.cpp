@@ -241,11 +241,20 @@ EventRecordData::EventRecordData(const EVENT_RECORD& record)
     userDataLength = static_cast<uint32_t>(userData.size());
 }
 
-void EventRecordData::ReleasePayload() {
-    std::vector<uint8_t>().swap(userData);
-    userDataLength = 0;
-    properties.clear();
-    propertyNames = {};
+EventRecordData::EventRecordData(const EventLineFields& fields)
+    : eventId(fields.eventId),
+      processId(fields.processId),
+      threadId(fields.threadId),
+      timestamp(fields.timestamp),
+      level(fields.level),
+      sessionId(fields.sessionId),
+      schema(fields.schema),
+      providerName(schema ? schema->providerName : NoText()),
+      taskName(schema ? schema->taskName : NoText()),
+      opcodeName(schema ? schema->opcodeName : NoText()) {}
+
+EventLineFields EventRecordData::LineFields() const {
+    return {schema, timestamp, processId, threadId, sessionId, eventId, level};
 }
 
 const TRACE_EVENT_INFO* EventRecordData::EventInformation() const {

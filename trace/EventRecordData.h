@@ -63,12 +63,26 @@ class PropertyMap {
 // HRESULT of ERROR_INVALID_SID, as the system's copy reports it.
 inline constexpr char kUserSidCopyFailed[] = "Failed to copy the event's user SID: 0x80070539";
 
+// What a log line shows of an event, kept once the event itself is gone.
+struct EventLineFields {
+    std::shared_ptr<const DecodedSchema> schema;
+    uint64_t timestamp = 0;
+    uint32_t processId = 0;
+    uint32_t threadId = 0;
+    uint32_t sessionId = 0xFFFFFFFF;
+    uint16_t eventId = 0;
+    uint8_t level = 0;
+};
+
 class EventRecordData {
   public:
     // Never fails on a missing schema; throws std::runtime_error
     // ("GetValue failed", "GetValueAlloc failed") when a property's value
     // cannot be read, and kUserSidCopyFailed for a broken SID item.
     explicit EventRecordData(const EVENT_RECORD& record);
+    // An event without payload or properties, for the lines written about it
+    // later.
+    explicit EventRecordData(const EventLineFields& fields);
 
     EventRecordData(const EventRecordData&) = delete;
     EventRecordData& operator=(const EventRecordData&) = delete;
@@ -80,9 +94,7 @@ class EventRecordData {
     // The message template with its inserts, or text built from the names.
     std::wstring MessageText();
 
-    // Frees what only the handlers read (payload, properties), keeping what a
-    // log line shows of the event.
-    void ReleasePayload();
+    EventLineFields LineFields() const;
 
     // Text of the name pointers into the schema; empty when absent.
     std::wstring EventName() const;

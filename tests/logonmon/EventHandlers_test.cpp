@@ -68,7 +68,7 @@ TEST_F(EventHandlersTest, PolicyExtensionsAreCountedWhateverTheirForm) {
                            session.failedPolicies}),
               std::vector({2, 2, 2, 1}));
     EXPECT_EQ(session.cseDurations,
-              (std::map<std::wstring, uint32_t>{
+              (logonmon::NamedValues<uint32_t>{
                   {L"Drive Maps", 0}, {L"Registry", 1234}, {L"Scripts", 250}}));
     // The summary closes with the extended summary and a footer as long as its header.
     processor.ClearLines();
@@ -126,7 +126,7 @@ TEST_F(EventHandlersTest, ScriptHostsAddTheirRunTimes) {
         {filetime, Exited(2, 200, L"11:000Z", L"15:250Z"), Exited(2, 400, L"05:000Z", L"09:000Z")});
 
     const auto session = processor.Sessions().at(0);
-    EXPECT_EQ(session.namedDurations, (std::map<std::wstring, logonmon::NamedDuration>{
+    EXPECT_EQ(session.namedDurations, (logonmon::NamedValues<logonmon::NamedDuration>{
                                           {L"Group Policy Logon Script Time", 6.5f},
                                           {L"Group Policy PS Logon Script Time", 4.25f},
                                           {L"Total Group Policy Logon Script Time", 10.75f}}));

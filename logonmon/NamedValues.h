@@ -1,0 +1,85 @@
+// Values by name, kept sorted by name in one array; a later value for a name
+// overwrites the earlier. Names are literals or interned, so that a session
+// stores no text of its own.
+#pragma once
+
+#include <algorithm>
+#include <initializer_list>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace logonmon {
+
+// The lasting copy of `name`, made on its first use, for names taken from
+// event texts: a small vocabulary (Winlogon notifications and subscribers,
+// Group Policy extensions). Thread-safe.
+std::wstring_view InternedName(std::wstring_view name);
+
+template <typename Value>
+class NamedValues {
+  public:
+    using value_type = std::pair<std::wstring_view, Value>;
+    using iterator = typename std::vector<value_type>::iterator;
+    using const_iterator = typename std::vector<value_type>::const_iterator;
+
+    NamedValues() = default;
+    // Names must outlive the values: literals or interned.
+    NamedValues(std::initializer_list<value_type> values) {
+        for (const auto& [name, value] : values) {
+            insert_or_assign(name, value);
+        }
+    }
+
+    iterator begin() { return values_.begin(); }
+    iterator end() { return values_.end(); }
+    const_iterator begin() const { return values_.begin(); }
+    const_iterator end() const { return values_.end(); }
+    size_t size() const { return values_.size(); }
+    bool empty() const { return values_.empty(); }
+
+    // The first value whose name does not sort before `name`.
+    const_iterator lower_bound(std::wstring_view name) const {
+        return std::lower_bound(values_.begin(), values_.end(), name, NameBefore);
+    }
+    const_iterator find(std::wstring_view name) const {
+        const auto found = lower_bound(name);
+        return found != end() && found->first == name ? found : end();
+    }
+    iterator find(std::wstring_view name) {
+        return begin() + (std::as_const(*this).find(name) - values_.cbegin());
+    }
+    size_t count(std::wstring_view name) const { return find(name) != end() ? 1 : 0; }
+    // Throws std::out_of_range when the name is missing.
+    const Value& at(std::wstring_view name) const {
+        const auto found = find(name);
+        if (found == end()) {
+            throw std::out_of_range("no value of that name");
+        }
+        return found->second;
+    }
+
+    Value& operator[](std::wstring_view name) { return try_emplace(name, Value{}).first->second; }
+    std::pair<iterator, bool> try_emplace(std::wstring_view name, const Value& value) {
+        const auto found = begin() + (lower_bound(name) - values_.cbegin());
+        if (found != end() && found->first == name) {
+            return {found, false};
+        }
+        return {values_.insert(found, value_type{name, value}), true};
+    }
+    void insert_or_assign(std::wstring_view name, const Value& value) {
+        try_emplace(name, value).first->second = value;
+    }
+
+    friend bool operator==(const NamedValues&, const NamedValues&) = default;
+
+  private:
+    static bool NameBefore(const value_type& entry, std::wstring_view name) {
+        return entry.first < name;
+    }
+
+    std::vector<value_type> values_;
+};
+
+}  // namespace logonmon
