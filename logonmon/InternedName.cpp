@@ -1,5 +1,6 @@
 #include "logonmon/NamedValues.h"
 
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -9,9 +10,16 @@ namespace logonmon {
 
 namespace {
 
+// FNV-1a over the units: names are short, and most share a long prefix.
 struct NameHash {
     using is_transparent = void;
-    size_t operator()(std::wstring_view name) const { return std::hash<std::wstring_view>()(name); }
+    size_t operator()(std::wstring_view name) const {
+        uint64_t hash = 14695981039346656037ull;
+        for (const wchar_t unit : name) {
+            hash = (hash ^ static_cast<uint64_t>(unit)) * 1099511628211ull;
+        }
+        return static_cast<size_t>(hash);
+    }
 };
 
 }  // namespace

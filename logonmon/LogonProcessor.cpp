@@ -357,7 +357,6 @@ void LogonProcessor::RunSessionTimeoutCheck(bool forced) {
 
 void LogonProcessor::ProcessSessionState(SESSION_CONTEXT& context, uint64_t now, bool forced) {
     static constexpr wchar_t kFunction[] = L"logonmon::LogonProcessor::ProcessSessionState";
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
     const auto shellStarted = context.timingPoints.find(texts::kShellStartedPoint);
     if (shellStarted == context.timingPoints.end()) {
         return;

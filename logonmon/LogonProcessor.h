@@ -80,7 +80,8 @@ class LogonProcessor {
     // whose shell started (end of a trace file).
     void RunSessionTimeoutCheck(bool forced);
 
-    // The completion and timeout rule for one session at time `now`.
+    // The completion and timeout rule for one session at time `now`; the
+    // caller holds the lock.
     void ProcessSessionState(SESSION_CONTEXT& context, uint64_t now, bool forced);
 
     // A new session context in the active list; none without a session id or

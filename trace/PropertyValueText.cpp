@@ -19,17 +19,9 @@ constexpr std::array<const wchar_t*, 14> kWinlogonNotifications = {
 // What std::to_wstring writes for an integer, without the C library's
 // formatting machinery, which is most of the cost of a number property.
 std::wstring DecimalText(uint64_t magnitude, bool negative = false) {
-    wchar_t digits[21];
-    wchar_t* const end = digits + std::size(digits);
-    wchar_t* start = end;
-    do {
-        *--start = static_cast<wchar_t>(L'0' + magnitude % 10);
-        magnitude /= 10;
-    } while (magnitude != 0);
-    if (negative) {
-        *--start = L'-';
-    }
-    return std::wstring(start, end);
+    std::wstring text(negative ? L"-" : L"");
+    AppendDecimal(text, magnitude);
+    return text;
 }
 
 std::wstring HexBytes(const uint8_t* bytes, size_t size) {

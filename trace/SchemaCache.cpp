@@ -2,7 +2,7 @@
 
 #include <array>
 #include <cstring>
-#include <map>
+#include <unordered_map>
 #include <mutex>
 
 #include "trace/Providers.h"
@@ -19,6 +19,17 @@ constexpr uint16_t kExtTypeTraceLoggingSchema = 11;
 // the generation, the provider, then id, version, opcode and level packed,
 // then the keyword, compared as whole words.
 using SchemaKey = std::array<uint64_t, 5>;
+
+struct SchemaKeyHash {
+    size_t operator()(const SchemaKey& key) const {
+        uint64_t hash = 0;
+        for (const uint64_t word : key) {
+            hash = (hash ^ word) * 0x9E3779B97F4A7C15ull;
+            hash ^= hash >> 29;
+        }
+        return static_cast<size_t>(hash);
+    }
+};
 
 SchemaKey KeyOf(const EVENT_RECORD& record) {
     const EVENT_DESCRIPTOR& descriptor = record.EventHeader.EventDescriptor;
@@ -55,12 +66,15 @@ std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& recor
         return Fetch(record, tdh);
     }
     static std::mutex mutex;
-    static std::map<SchemaKey, std::shared_ptr<const DecodedSchema>> schemas;
+    static std::unordered_map<SchemaKey, std::shared_ptr<const DecodedSchema>, SchemaKeyHash>
+        schemas;
     const SchemaKey key = KeyOf(record);
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (!schemas.empty() && schemas.begin()->first[0] != key[0]) {
+        static uint64_t generation = 0;
+        if (generation != key[0]) {
             schemas.clear();
+            generation = key[0];
         }
         if (const auto found = schemas.find(key); found != schemas.end()) {
             return found->second;

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cwctype>
 
+#include "trace/TextForms.h"
+
 namespace logonmon {
 
 namespace {
@@ -96,21 +98,24 @@ std::wstring Sid::ToString() const {
     for (int i = 0; i < 6; ++i) {
         authority = (authority << 8) | bytes_[2 + i];
     }
-    char number[24];
+    std::wstring text(L"S-");
+    AppendDecimal(text, bytes_[0]);
+    text.push_back(L'-');
     // Authorities that do not fit 32 bits are written in hexadecimal.
     if (authority > 0xFFFFFFFF) {
+        char number[24];
         std::snprintf(number, sizeof number, "0x%012llX",
                       static_cast<unsigned long long>(authority));
+        text.append(number, number + std::char_traits<char>::length(number));
     } else {
-        std::snprintf(number, sizeof number, "%llu", static_cast<unsigned long long>(authority));
+        AppendDecimal(text, authority);
     }
-    std::wstring text = L"S-" + std::to_wstring(bytes_[0]) + L"-";
-    text.append(number, number + std::char_traits<char>::length(number));
     for (size_t offset = kHeaderSize; offset + 4 <= bytes_.size(); offset += 4) {
         const uint32_t subAuthority = uint32_t{bytes_[offset]} | uint32_t{bytes_[offset + 1]} << 8 |
                                       uint32_t{bytes_[offset + 2]} << 16 |
                                       uint32_t{bytes_[offset + 3]} << 24;
-        text += L"-" + std::to_wstring(subAuthority);
+        text.push_back(L'-');
+        AppendDecimal(text, subAuthority);
     }
     return text;
 }

@@ -125,30 +125,41 @@ std::wstring GuidText(const GUID& guid, bool braces) {
     return braces ? L"{" + bare + L"}" : bare;
 }
 
+void AppendDecimal(std::wstring& text, uint64_t value) {
+    wchar_t digits[20];
+    wchar_t* const end = digits + 20;
+    wchar_t* start = end;
+    do {
+        *--start = static_cast<wchar_t>(L'0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    text.append(start, end);
+}
+
 std::wstring WideFromUtf16(const char16_t* text, size_t maxUnits) {
     std::wstring wide;
     if (text == nullptr) {
         return wide;
     }
     const size_t units = UnitsBeforeNull(text, maxUnits);
-    wide.reserve(units);  // one allocation: no text is longer in UTF-32
+    // Written in place: no text is longer in UTF-32, and pairs make it shorter.
+    wide.resize(units);
+    wchar_t* out = wide.data();
     for (size_t i = 0; i < units; ++i) {
         const char16_t unit = text[i];
-        if constexpr (sizeof(wchar_t) == 2) {
-            wide.push_back(static_cast<wchar_t>(unit));
-        } else {
+        if constexpr (sizeof(wchar_t) != 2) {
             const bool highSurrogate = unit >= 0xD800 && unit <= 0xDBFF;
             if (highSurrogate && i + 1 < units && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF) {
-                const char32_t codePoint =
-                    0x10000 + ((char32_t{unit} - 0xD800) << 10) + (char32_t{text[i + 1]} - 0xDC00);
-                wide.push_back(static_cast<wchar_t>(codePoint));
+                *out++ = static_cast<wchar_t>(0x10000 + ((char32_t{unit} - 0xD800) << 10) +
+                                              (char32_t{text[i + 1]} - 0xDC00));
                 ++i;
-            } else {
-                // An unpaired surrogate is kept as it stands.
-                wide.push_back(static_cast<wchar_t>(unit));
+                continue;
             }
         }
+        // An unpaired surrogate is kept as it stands.
+        *out++ = static_cast<wchar_t>(unit);
     }
+    wide.resize(static_cast<size_t>(out - wide.data()));
     return wide;
 }
 

@@ -13,6 +13,9 @@ namespace logonmon {
 // UTC), in local time or in UTC with the suffix "Z"; "NULL" for 0.
 std::wstring TimestampText(uint64_t fileTime, bool local);
 
+// Appends the decimal digits of `value`, as std::to_wstring writes them.
+void AppendDecimal(std::wstring& text, uint64_t value);
+
 // Upper-case GUID text, with or without braces.
 std::wstring GuidText(const GUID& guid, bool braces = true);
 
