@@ -56,6 +56,8 @@ TEST(PrintfFormatTest, TruncationInAFixedBuffer) {
     EXPECT_STREQ(buffer, "1234567");
     EXPECT_EQ(FormatToBuffer(buffer, sizeof buffer, "%ws", L"12345678"), -1);
     EXPECT_STREQ(buffer, "1234567");
+    EXPECT_EQ(FormatToBuffer(buffer, sizeof buffer, "%.2f", 1234.5), 7);
+    EXPECT_STREQ(buffer, "1234.50");
     EXPECT_EQ(FormatToBuffer(buffer, 0, "x"), -1);
 }
 

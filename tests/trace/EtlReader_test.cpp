@@ -1,11 +1,13 @@
 // The trace-file reader against files Windows wrote, against files the writer
 // wrote, and against damaged files.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -50,6 +52,11 @@ std::string WrittenTrace() {
         builder.Timestamp(kTime + offsets[i]).UserSid(L"S-1-5-21-1-2-3-1001");
         writer.Write(builder.Payload(std::vector<uint8_t>(40 + i, i)).Record());
     }
+    // A record that no buffer can hold is refused.
+    EventBuilder tooLarge;
+    EXPECT_THAT([&] { writer.Write(tooLarge.Payload(std::vector<uint8_t>(kBuffer)).Record()); },
+                ::testing::ThrowsMessage<std::length_error>(
+                    ::testing::StrEq("event record too large for an ETL buffer")));
     EXPECT_TRUE(writer.Finish());
     return out.str();
 }
