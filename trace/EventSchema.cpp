@@ -65,13 +65,23 @@ uint32_t TopLevelPropertiesInBuffer(const EventSchemaBuffer& schema) {
 }
 
 std::wstring Trimmed(std::wstring text) {
-    constexpr std::wstring_view kWhiteSpace = L" \t\r\n\v\f";
-    if (text.empty() || (kWhiteSpace.find(text.front()) == std::wstring_view::npos &&
-                         kWhiteSpace.find(text.back()) == std::wstring_view::npos)) {
-        return text;
+    const auto isWhiteSpace = [](wchar_t c) {
+        return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n' || c == L'\v' || c == L'\f';
+    };
+    size_t end = text.size();
+    while (end > 0 && isWhiteSpace(text[end - 1])) {
+        --end;
     }
-    text.erase(text.find_last_not_of(kWhiteSpace) + 1);
-    text.erase(0, text.find_first_not_of(kWhiteSpace));
+    size_t start = 0;
+    while (start < end && isWhiteSpace(text[start])) {
+        ++start;
+    }
+    if (end < text.size()) {
+        text.erase(end);
+    }
+    if (start > 0) {
+        text.erase(0, start);
+    }
     return text;
 }
 

@@ -40,13 +40,10 @@ class PropertyReader {
     PropertyReader(TdhApi& tdh, const EVENT_RECORD& record, const WCHAR* name);
 
     // Values of at most sizeof(T) bytes; throws kGetValueFailed otherwise.
+    // TDH refuses a buffer too small for the value, so no size query is
+    // needed first; a shorter value leaves the rest zero.
     template <typename T>
     T ReadFixed() const {
-        uint32_t size = 0;
-        if (tdh_.GetPropertySize(record_, descriptor_, &size) != etw::kErrorSuccess ||
-            size > sizeof(T)) {
-            throw std::runtime_error(kGetValueFailed);
-        }
         T value{};
         if (tdh_.GetProperty(record_, descriptor_, sizeof(T), reinterpret_cast<uint8_t*>(&value)) !=
             etw::kErrorSuccess) {
