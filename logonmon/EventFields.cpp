@@ -28,6 +28,10 @@ bool EqualsIgnoreCase(std::wstring_view left, std::wstring_view right) {
     if (left.size() != right.size()) {
         return false;
     }
+    // Names are mostly asked for as the schema spells them.
+    if (left == right) {
+        return true;
+    }
     for (size_t i = 0; i < left.size(); ++i) {
         wchar_t a = left[i];
         wchar_t b = right[i];

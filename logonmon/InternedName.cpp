@@ -1,6 +1,7 @@
 #include "logonmon/NamedValues.h"
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -10,14 +11,27 @@ namespace logonmon {
 
 namespace {
 
-// FNV-1a over the units: names are short, and most share a long prefix.
+// Eight bytes at a time: names are short, and most share a long prefix.
 struct NameHash {
     using is_transparent = void;
     size_t operator()(std::wstring_view name) const {
-        uint64_t hash = 14695981039346656037ull;
-        for (const wchar_t unit : name) {
-            hash = (hash ^ static_cast<uint64_t>(unit)) * 1099511628211ull;
+        const auto* bytes = reinterpret_cast<const unsigned char*>(name.data());
+        size_t left = name.size() * sizeof(wchar_t);
+        uint64_t hash = 0x9E3779B97F4A7C15ull ^ left;
+        const auto mix = [&hash](uint64_t word) {
+            hash = (hash ^ word) * 0xFF51AFD7ED558CCDull;
+            hash ^= hash >> 32;
+        };
+        for (; left >= 8; bytes += 8, left -= 8) {
+            uint64_t word = 0;
+            std::memcpy(&word, bytes, 8);
+            mix(word);
         }
+        uint64_t tail = 0;
+        for (size_t i = 0; i < left; ++i) {
+            tail |= uint64_t{bytes[i]} << (8 * i);
+        }
+        mix(tail);
         return static_cast<size_t>(hash);
     }
 };

@@ -1,7 +1,7 @@
 #include "logonmon/SessionIndex.h"
 
 #include <algorithm>
-#include <vector>
+#include <span>
 
 namespace logonmon {
 
@@ -19,13 +19,13 @@ struct SessionIdOrder {
 
 // Only sessions with a user are in this index.
 struct SidOrder {
-    using Bytes = std::vector<uint8_t>;
-    static const Bytes& KeyOf(const SESSION_CONTEXT& context) { return context.userSid->Bytes(); }
-    bool operator()(const std::shared_ptr<SESSION_CONTEXT>& entry, const Bytes& key) const {
-        return KeyOf(*entry) < key;
+    using Bytes = std::span<const uint8_t>;
+    static Bytes KeyOf(const SESSION_CONTEXT& context) { return context.userSid->Bytes(); }
+    bool operator()(const std::shared_ptr<SESSION_CONTEXT>& entry, Bytes key) const {
+        return std::ranges::lexicographical_compare(KeyOf(*entry), key);
     }
-    bool operator()(const Bytes& key, const std::shared_ptr<SESSION_CONTEXT>& entry) const {
-        return key < KeyOf(*entry);
+    bool operator()(Bytes key, const std::shared_ptr<SESSION_CONTEXT>& entry) const {
+        return std::ranges::lexicographical_compare(key, KeyOf(*entry));
     }
 };
 

@@ -20,7 +20,7 @@ class SystemClock : public Clock {
 class SecurityAccountLookup : public AccountLookup {
   public:
     bool LookupAccount(const Sid& sid, std::wstring* name, std::wstring* domain) override {
-        std::vector<uint8_t> bytes = sid.Bytes();
+        std::vector<uint8_t> bytes(sid.Bytes().begin(), sid.Bytes().end());
         DWORD nameLength = 0;
         DWORD domainLength = 0;
         SID_NAME_USE use{};

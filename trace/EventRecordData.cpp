@@ -23,8 +23,9 @@ wchar_t FoldCase(wchar_t c) {
 
 bool SameName(std::wstring_view left, std::wstring_view right) {
     return left.size() == right.size() &&
-           std::equal(left.begin(), left.end(), right.begin(),
-                      [](wchar_t a, wchar_t b) { return FoldCase(a) == FoldCase(b); });
+           (left == right ||
+            std::equal(left.begin(), left.end(), right.begin(),
+                       [](wchar_t a, wchar_t b) { return FoldCase(a) == FoldCase(b); }));
 }
 
 const std::wstring& NoText() {

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cwctype>
+#include <vector>
 
 #include "trace/TextForms.h"
 
@@ -60,7 +61,7 @@ std::optional<Sid> Sid::FromBytes(const uint8_t* bytes, size_t size) {
     if (length == 0 || length > size) {
         return std::nullopt;
     }
-    return Sid(std::vector<uint8_t>(bytes, bytes + length));
+    return Sid(bytes, length);
 }
 
 std::optional<Sid> Sid::FromString(const std::wstring& text) {
@@ -90,7 +91,11 @@ std::optional<Sid> Sid::FromString(const std::wstring& text) {
         }
         ++bytes[1];
     }
-    return Sid(std::move(bytes));
+    return Sid(bytes.data(), bytes.size());
+}
+
+Sid::Sid(const uint8_t* bytes, size_t size) : size_(size) {
+    std::copy(bytes, bytes + size, bytes_.begin());
 }
 
 std::wstring Sid::ToString() const {
@@ -110,7 +115,7 @@ std::wstring Sid::ToString() const {
     } else {
         AppendDecimal(text, authority);
     }
-    for (size_t offset = kHeaderSize; offset + 4 <= bytes_.size(); offset += 4) {
+    for (size_t offset = kHeaderSize; offset + 4 <= size_; offset += 4) {
         const uint32_t subAuthority = uint32_t{bytes_[offset]} | uint32_t{bytes_[offset + 1]} << 8 |
                                       uint32_t{bytes_[offset + 2]} << 16 |
                                       uint32_t{bytes_[offset + 3]} << 24;

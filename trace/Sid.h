@@ -2,15 +2,21 @@
 // computed here on every platform.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
-#include <vector>
 
 namespace logonmon {
 
 class Sid {
   public:
+    // SECURITY_MAX_SID_SIZE: a revision, a count, six bytes of authority and
+    // at most 15 sub-authorities.
+    static constexpr size_t kMaxSize = 68;
+
     // Copies a binary SID of at most `size` bytes; nullopt when the bytes are
     // not a well-formed SID or its own length exceeds `size`.
     static std::optional<Sid> FromBytes(const uint8_t* bytes, size_t size);
@@ -18,15 +24,18 @@ class Sid {
     // Parses "S-R-A-S1-S2-..." text; nullopt when malformed.
     static std::optional<Sid> FromString(const std::wstring& text);
 
-    const std::vector<uint8_t>& Bytes() const { return bytes_; }
+    std::span<const uint8_t> Bytes() const { return {bytes_.data(), size_}; }
     // The form ConvertSidToStringSidW gives.
     std::wstring ToString() const;
 
-    bool operator==(const Sid& other) const { return bytes_ == other.bytes_; }
+    bool operator==(const Sid& other) const { return std::ranges::equal(Bytes(), other.Bytes()); }
 
   private:
-    explicit Sid(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {}
-    std::vector<uint8_t> bytes_;
+    Sid(const uint8_t* bytes, size_t size);
+
+    // Held in place: an event's SID is copied without an allocation.
+    std::array<uint8_t, kMaxSize> bytes_{};
+    size_t size_ = 0;
 };
 
 }  // namespace logonmon

@@ -52,7 +52,8 @@ std::vector<uint8_t> Utf16Bytes(const std::wstring& text) {
 }
 
 std::vector<uint8_t> SidBytes(const std::wstring& sidText) {
-    return logonmon::Sid::FromString(sidText).value().Bytes();
+    const logonmon::Sid sid = logonmon::Sid::FromString(sidText).value();
+    return {sid.Bytes().begin(), sid.Bytes().end()};
 }
 
 GUID GuidFromText(const std::wstring& text) {

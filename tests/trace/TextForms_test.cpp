@@ -51,7 +51,8 @@ TEST(SidTest, TextAndBinaryFormsRoundTripAndMalformedInputIsRefused) {
         EXPECT_EQ(text, sid->ToString());
         EXPECT_EQ(sid, Sid::FromBytes(sid->Bytes().data(), sid->Bytes().size()));
     }
-    std::vector<uint8_t> bytes = Sid::FromString(L"S-1-5-32-544")->Bytes();
+    const auto sid = Sid::FromString(L"S-1-5-32-544");
+    std::vector<uint8_t> bytes(sid->Bytes().begin(), sid->Bytes().end());
     EXPECT_EQ((std::vector<uint8_t>{1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 0x20, 2, 0, 0}), bytes);
     bytes.push_back(0xAA);  // bytes after the declared length are not the SID's
     EXPECT_EQ(L"S-1-5-32-544", Sid::FromBytes(bytes.data(), bytes.size())->ToString());
