@@ -16,17 +16,40 @@ namespace logonmon {
 
 namespace {
 
-// Only ASCII letters fold, as the narrow tolower does.
-wchar_t FoldCase(wchar_t c) {
-    return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c + 32) : c;
-}
+// Maps of records gone keep their entries here, with the capacity of their
+// texts, for the next records decoded on the thread: decoding then seldom
+// allocates.
+class SpareEntries {
+  public:
+    ~SpareEntries() { gone_ = true; }
 
-bool SameName(std::wstring_view left, std::wstring_view right) {
-    return left.size() == right.size() &&
-           (left == right ||
-            std::equal(left.begin(), left.end(), right.begin(),
-                       [](wchar_t a, wchar_t b) { return FoldCase(a) == FoldCase(b); }));
-}
+    static SpareEntries* OfThisThread() {
+        thread_local SpareEntries spare;
+        return gone_ ? nullptr : &spare;
+    }
+
+    void Keep(std::vector<PropertyMap::value_type>&& entries) {
+        if (entries.capacity() != 0 && kept_.size() < kKept) {
+            kept_.push_back(std::move(entries));
+        }
+    }
+    std::vector<PropertyMap::value_type> Take() {
+        if (kept_.empty()) {
+            return {};
+        }
+        std::vector<PropertyMap::value_type> entries = std::move(kept_.back());
+        kept_.pop_back();
+        return entries;
+    }
+
+  private:
+    // Held-back records aside, a thread has few records alive at once.
+    static constexpr size_t kKept = 16;
+    static thread_local bool gone_;
+    std::vector<std::vector<PropertyMap::value_type>> kept_;
+};
+
+thread_local bool SpareEntries::gone_ = false;
 
 const std::wstring& NoText() {
     static const std::wstring none;
@@ -73,23 +96,23 @@ void ReadProperties(EventRecordData& data, const EVENT_RECORD& record, TdhApi& t
     }
     const DecodedSchema& schema = *data.schema;
     data.decodingSource = schema.decodingSource;
-    data.properties.reserve(schema.properties.size() + 2);  // with the two names
+    data.properties.AssignKeys(schema.keys);
     data.eventName = schema.eventName;
     if (data.eventName != nullptr) {
-        data.properties[L"name"] = schema.eventNameText;
+        data.properties.ValueAt(schema.eventNameSlot) = schema.eventNameText;
     }
     data.relatedName = schema.relatedName;
     if (data.relatedName != nullptr) {
-        data.properties[L"related"] = schema.relatedNameText;
+        data.properties.ValueAt(schema.relatedNameSlot) = schema.relatedNameText;
     }
     data.message = schema.message;
     for (const DecodedSchema::Property& property : schema.properties) {
         const PropertyReader reader(tdh, record, property.name);
         // A later property of the same name overwrites the earlier.
-        data.properties.insert_or_assign(
-            std::wstring_view(property.key),
-            Trimmed(PropertyValueText(reader, property.inType, property.outType,
-                                      property.winlogonNotification)));
+        std::wstring& value = data.properties.ValueAt(property.slot);
+        AssignPropertyValueText(value, reader, property.inType, property.outType,
+                                property.winlogonNotification);
+        Trim(value);
     }
     data.propertyNames = schema.propertyNames;
 }
@@ -149,7 +172,7 @@ std::wstring DescriptionFromNames(const EventRecordData& data) {
         description += L"Name: " + name->second;
     }
     for (const auto& [key, value] : data.properties) {
-        if (SameName(key, L"Opcode") || SameName(key, L"Task") || SameName(key, L"name")) {
+        if (SamePropertyName(key, L"Opcode") || SamePropertyName(key, L"Task") || SamePropertyName(key, L"name")) {
             continue;
         }
         if (description.size() > 1) {
@@ -164,11 +187,23 @@ std::wstring DescriptionFromNames(const EventRecordData& data) {
 
 }  // namespace
 
-bool PropertyNameLess::operator()(std::wstring_view left, std::wstring_view right) const {
-    return std::lexicographical_compare(
-        left.begin(), left.end(), right.begin(), right.end(), [](wchar_t a, wchar_t b) {
-            return static_cast<uint32_t>(FoldCase(a)) < static_cast<uint32_t>(FoldCase(b));
-        });
+PropertyMap::~PropertyMap() {
+    if (SpareEntries* spare = SpareEntries::OfThisThread()) {
+        spare->Keep(std::move(entries_));
+    }
+}
+
+void PropertyMap::AssignKeys(std::span<const std::wstring_view> keys) {
+    if (entries_.capacity() == 0) {
+        if (SpareEntries* spare = SpareEntries::OfThisThread()) {
+            entries_ = spare->Take();
+        }
+    }
+    entries_.resize(keys.size());
+    for (size_t i = 0; i < keys.size(); ++i) {
+        entries_[i].first = keys[i];
+        entries_[i].second.clear();
+    }
 }
 
 PropertyMap::const_iterator PropertyMap::find(std::wstring_view name) const {
@@ -177,19 +212,15 @@ PropertyMap::const_iterator PropertyMap::find(std::wstring_view name) const {
 
 PropertyMap::iterator PropertyMap::find(std::wstring_view name) {
     const auto entry = LowerBound(name);
-    return entry != entries_.end() && SameName(entry->first, name) ? entry : entries_.end();
+    return entry != entries_.end() && SamePropertyName(entry->first, name) ? entry : entries_.end();
 }
 
 std::wstring& PropertyMap::operator[](std::wstring_view name) {
     const auto entry = LowerBound(name);
-    if (entry != entries_.end() && SameName(entry->first, name)) {
+    if (entry != entries_.end() && SamePropertyName(entry->first, name)) {
         return entry->second;
     }
     return entries_.emplace(entry, name, std::wstring())->second;
-}
-
-void PropertyMap::insert_or_assign(std::wstring_view name, std::wstring value) {
-    (*this)[name] = std::move(value);
 }
 
 PropertyMap::iterator PropertyMap::LowerBound(std::wstring_view name) {

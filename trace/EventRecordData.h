@@ -20,12 +20,6 @@ namespace logonmon {
 
 struct SESSION_CONTEXT;
 
-// Orders property names without regard to ASCII case, character by
-// character; a key that is a prefix of a longer one sorts first.
-struct PropertyNameLess {
-    bool operator()(std::wstring_view left, std::wstring_view right) const;
-};
-
 // An event's properties by name, sorted by PropertyNameLess in one array: an
 // event has a handful. Keys view the names in the event's schema, or
 // literals.
@@ -35,21 +29,28 @@ class PropertyMap {
     using iterator = std::vector<value_type>::iterator;
     using const_iterator = std::vector<value_type>::const_iterator;
 
+    PropertyMap() = default;
+    PropertyMap(const PropertyMap&) = default;
+    PropertyMap& operator=(const PropertyMap&) = default;
+    // Leaves its storage to the next map made on this thread.
+    ~PropertyMap();
+
     iterator begin() { return entries_.begin(); }
     iterator end() { return entries_.end(); }
     const_iterator begin() const { return entries_.begin(); }
     const_iterator end() const { return entries_.end(); }
     size_t size() const { return entries_.size(); }
     bool empty() const { return entries_.empty(); }
-    void reserve(size_t count) { entries_.reserve(count); }
-    void clear() { std::vector<value_type>().swap(entries_); }
 
     iterator find(std::wstring_view name);
     const_iterator find(std::wstring_view name) const;
     // Adds an empty value when the name is missing.
     std::wstring& operator[](std::wstring_view name);
-    // A name already present keeps its first spelling.
-    void insert_or_assign(std::wstring_view name, std::wstring value);
+
+    // Sets the keys, already in order, each with an empty value.
+    void AssignKeys(std::span<const std::wstring_view> keys);
+    // The value of the key at `position` in key order.
+    std::wstring& ValueAt(size_t position) { return entries_[position].second; }
 
     friend bool operator==(const PropertyMap&, const PropertyMap&) = default;
 

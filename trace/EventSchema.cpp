@@ -20,6 +20,44 @@ bool IsEventName(const std::wstring& name) {
            });
 }
 
+// Only ASCII letters fold, as the narrow tolower does.
+wchar_t FoldCase(wchar_t c) {
+    return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c + 32) : c;
+}
+
+// The keys of `schema` and the slot of each name in them: the first spelling
+// of a name is its key, and a later property of the same name writes to the
+// same slot.
+void LayOutKeys(DecodedSchema& schema) {
+    std::vector<std::wstring_view> names;
+    if (schema.eventName != nullptr) {
+        names.emplace_back(L"name");
+    }
+    if (schema.relatedName != nullptr) {
+        names.emplace_back(L"related");
+    }
+    for (const DecodedSchema::Property& property : schema.properties) {
+        names.emplace_back(property.key);
+    }
+    for (const std::wstring_view name : names) {
+        const auto at = std::lower_bound(schema.keys.begin(), schema.keys.end(), name,
+                                         PropertyNameLess());
+        if (at == schema.keys.end() || !SamePropertyName(*at, name)) {
+            schema.keys.insert(at, name);
+        }
+    }
+    const auto slotOf = [&schema](std::wstring_view name) {
+        return static_cast<size_t>(
+            std::lower_bound(schema.keys.begin(), schema.keys.end(), name, PropertyNameLess()) -
+            schema.keys.begin());
+    };
+    schema.eventNameSlot = slotOf(L"name");
+    schema.relatedNameSlot = slotOf(L"related");
+    for (DecodedSchema::Property& property : schema.properties) {
+        property.slot = slotOf(property.key);
+    }
+}
+
 }  // namespace
 
 EventSchemaBuffer QueryEventSchema(const EVENT_RECORD& record, TdhApi& tdh) {
@@ -64,7 +102,7 @@ uint32_t TopLevelPropertiesInBuffer(const EventSchemaBuffer& schema) {
     return static_cast<uint32_t>(std::min<size_t>(schema.Info()->TopLevelPropertyCount, fitting));
 }
 
-std::wstring Trimmed(std::wstring text) {
+void Trim(std::wstring& text) {
     const auto isWhiteSpace = [](wchar_t c) {
         return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n' || c == L'\v' || c == L'\f';
     };
@@ -82,7 +120,20 @@ std::wstring Trimmed(std::wstring text) {
     if (start > 0) {
         text.erase(0, start);
     }
-    return text;
+}
+
+bool PropertyNameLess::operator()(std::wstring_view left, std::wstring_view right) const {
+    return std::lexicographical_compare(
+        left.begin(), left.end(), right.begin(), right.end(), [](wchar_t a, wchar_t b) {
+            return static_cast<uint32_t>(FoldCase(a)) < static_cast<uint32_t>(FoldCase(b));
+        });
+}
+
+bool SamePropertyName(std::wstring_view left, std::wstring_view right) {
+    return left.size() == right.size() &&
+           (left == right ||
+            std::equal(left.begin(), left.end(), right.begin(),
+                       [](wchar_t a, wchar_t b) { return FoldCase(a) == FoldCase(b); }));
 }
 
 DecodedSchema DecodeSchema(EventSchemaBuffer buffer, bool winlogon) {
@@ -91,7 +142,8 @@ DecodedSchema DecodeSchema(EventSchemaBuffer buffer, bool winlogon) {
     decoded.decodingSource = static_cast<uint32_t>(info.DecodingSource);
     decoded.providerName = WideFromUtf16(SchemaText(buffer, info.ProviderNameOffset));
     decoded.taskName = WideFromUtf16(SchemaText(buffer, info.TaskNameOffset));
-    decoded.opcodeName = Trimmed(WideFromUtf16(SchemaText(buffer, info.OpcodeNameOffset)));
+    decoded.opcodeName = WideFromUtf16(SchemaText(buffer, info.OpcodeNameOffset));
+    Trim(decoded.opcodeName);
     decoded.eventName = SchemaText(buffer, info.ActivityIDNameOffset);
     decoded.eventNameText = WideFromUtf16(decoded.eventName);
     decoded.relatedName = SchemaText(buffer, info.RelatedActivityIDNameOffset);
@@ -118,6 +170,7 @@ DecodedSchema DecodeSchema(EventSchemaBuffer buffer, bool winlogon) {
         entry.winlogonNotification = winlogon && IsEventName(entry.key);
         decoded.propertyNames[i] = name;
     }
+    LayOutKeys(decoded);
     decoded.buffer = std::move(buffer);
     return decoded;
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "trace/EtwTypes.h"
@@ -32,9 +33,16 @@ const WCHAR* SchemaText(const EventSchemaBuffer& schema, uint32_t offset);
 // How many of the top-level property entries lie wholly inside the buffer.
 uint32_t TopLevelPropertiesInBuffer(const EventSchemaBuffer& schema);
 
-// `text` without surrounding white space, as schema texts and property values
-// are kept; a text that needs no trimming is not copied.
-std::wstring Trimmed(std::wstring text);
+// Drops the white space around `text`, as schema texts and property values
+// are kept.
+void Trim(std::wstring& text);
+
+// Property names compare without regard to ASCII case, character by
+// character; a name that is a prefix of a longer one sorts first.
+struct PropertyNameLess {
+    bool operator()(std::wstring_view left, std::wstring_view right) const;
+};
+bool SamePropertyName(std::wstring_view left, std::wstring_view right);
 
 // A schema with its texts converted once, for every event of its kind.
 struct DecodedSchema {
@@ -46,6 +54,8 @@ struct DecodedSchema {
         uint16_t outType = 0;
         // Winlogon's "Event", written as a notification name.
         bool winlogonNotification = false;
+        // Where its value goes among `keys`.
+        size_t slot = 0;
     };
 
     EventSchemaBuffer buffer;
@@ -63,6 +73,13 @@ struct DecodedSchema {
     const WCHAR* message = nullptr;
     // In schema order; structures and unnamed entries are left out.
     std::vector<Property> properties;
+    // The names an event of this kind has properties of, sorted by
+    // PropertyNameLess, each with the spelling met first: "name" and
+    // "related" for the two names when present, then the properties. Views of
+    // the texts above.
+    std::vector<std::wstring_view> keys;
+    size_t eventNameSlot = 0;
+    size_t relatedNameSlot = 0;
     // By top-level index; null for a structure or an entry without a name.
     std::vector<const WCHAR*> propertyNames;
 };

@@ -18,21 +18,19 @@ constexpr std::array<const wchar_t*, 14> kWinlogonNotifications = {
 
 // What std::to_wstring writes for an integer, without the C library's
 // formatting machinery, which is most of the cost of a number property.
-std::wstring DecimalText(uint64_t magnitude, bool negative = false) {
-    std::wstring text(negative ? L"-" : L"");
+void AssignDecimal(std::wstring& text, uint64_t magnitude, bool negative = false) {
+    text.assign(negative ? L"-" : L"");
     AppendDecimal(text, magnitude);
-    return text;
 }
 
-std::wstring HexBytes(const uint8_t* bytes, size_t size) {
+void AssignHexBytes(std::wstring& text, const uint8_t* bytes, size_t size) {
     static constexpr wchar_t kDigits[] = L"0123456789abcdef";
-    std::wstring text;
+    text.clear();
     text.reserve(2 * size);
     for (size_t i = 0; i < size; ++i) {
         text.push_back(kDigits[bytes[i] >> 4]);
         text.push_back(kDigits[bytes[i] & 0xF]);
     }
-    return text;
 }
 
 // The address as inet_ntoa writes it: the bytes in memory order.
@@ -43,10 +41,10 @@ std::wstring Ipv4Text(uint32_t address) {
            std::to_wstring(bytes[2]) + L"." + std::to_wstring(bytes[3]);
 }
 
-// The reader's buffer comes from operator new, aligned for any unit.
-std::wstring UnicodeText(const PropertyBytes& value) {
-    return WideFromUtf16(reinterpret_cast<const char16_t*>(value.data()),
-                         value.size() / sizeof(char16_t));
+// The reader's buffer is aligned for any unit.
+void AssignUnicodeText(std::wstring& text, const PropertyBytes& value) {
+    AssignWideFromUtf16(text, reinterpret_cast<const char16_t*>(value.data()),
+                        value.size() / sizeof(char16_t));
 }
 
 std::wstring SidText(const PropertyBytes& value) {
@@ -70,56 +68,73 @@ std::span<const wchar_t* const> WinlogonNotificationNames() {
 // The reader decides the signedness: bytes and 16-bit values are
 // zero-extended, 32- and 64-bit integers are written unsigned whatever the
 // in-type, and only BOOLEAN is written signed.
-std::wstring PropertyValueText(const PropertyReader& reader, uint16_t inType, uint16_t outType,
-                               bool winlogonNotification) {
+void AssignPropertyValueText(std::wstring& text, const PropertyReader& reader, uint16_t inType,
+                             uint16_t outType, bool winlogonNotification) {
     using namespace etw;
     switch (inType) {
         case kInTypeUnicodeString:
-            return UnicodeText(reader.ReadAllocated());
+            AssignUnicodeText(text, reader.ReadAllocated());
+            break;
         case kInTypeAnsiString:
-            return WideFromAnsi(reinterpret_cast<const char*>(reader.ReadAllocated().data()));
+            text = WideFromAnsi(reinterpret_cast<const char*>(reader.ReadAllocated().data()));
+            break;
         case kInTypeInt8:
         case kInTypeUInt8:
-            return DecimalText(uint64_t{reader.ReadFixed<uint8_t>()});
+            AssignDecimal(text, uint64_t{reader.ReadFixed<uint8_t>()});
+            break;
         case kInTypeInt16:
         case kInTypeUInt16: {
             uint16_t value = reader.ReadFixed<uint16_t>();
             if (outType == kOutTypePort) {
                 value = static_cast<uint16_t>(value >> 8 | value << 8);
             }
-            return DecimalText(uint64_t{value});
+            AssignDecimal(text, uint64_t{value});
+            break;
         }
         case kInTypeInt32:
         case kInTypeUInt32: {
             const uint32_t value = reader.ReadFixed<uint32_t>();
             if (winlogonNotification && inType == kInTypeUInt32 &&
                 value < kWinlogonNotifications.size()) {
-                return kWinlogonNotifications[value];
+                text.assign(kWinlogonNotifications[value]);
+            } else if (outType == kOutTypeIpv4) {
+                text = Ipv4Text(value);
+            } else {
+                AssignDecimal(text, uint64_t{value});
             }
-            return outType == kOutTypeIpv4 ? Ipv4Text(value) : DecimalText(uint64_t{value});
+            break;
         }
         case kInTypeInt64:
         case kInTypeUInt64:
         case kInTypePointer:
-            return DecimalText(reader.ReadFixed<uint64_t>());
+            AssignDecimal(text, reader.ReadFixed<uint64_t>());
+            break;
         case kInTypeFloat:
-            return std::to_wstring(static_cast<double>(reader.ReadFixed<float>()));
+            text = std::to_wstring(static_cast<double>(reader.ReadFixed<float>()));
+            break;
         case kInTypeDouble:
-            return std::to_wstring(reader.ReadFixed<double>());
+            text = std::to_wstring(reader.ReadFixed<double>());
+            break;
         case kInTypeBoolean: {
             const auto value = static_cast<int32_t>(reader.ReadFixed<uint32_t>());
-            return DecimalText(value < 0 ? 0 - static_cast<uint64_t>(int64_t{value})
-                                         : static_cast<uint64_t>(value),
-                               value < 0);
+            AssignDecimal(text,
+                          value < 0 ? 0 - static_cast<uint64_t>(int64_t{value})
+                                    : static_cast<uint64_t>(value),
+                          value < 0);
+            break;
         }
         case kInTypeGuid:
-            return GuidText(reader.ReadFixed<GUID>(), true);
+            text = GuidText(reader.ReadFixed<GUID>(), true);
+            break;
         case kInTypeFileTime:
-            return TimestampText(reader.ReadFixed<uint64_t>(), true);
+            text = TimestampText(reader.ReadFixed<uint64_t>(), true);
+            break;
         case kInTypeSystemTime:
-            return SystemTimeText(reader.ReadFixed<SYSTEMTIME>());
+            text = SystemTimeText(reader.ReadFixed<SYSTEMTIME>());
+            break;
         case kInTypeSid:
-            return SidText(reader.ReadAllocated());
+            text = SidText(reader.ReadAllocated());
+            break;
         case kInTypeBinary:
         case kInTypeHexInt32:
         case kInTypeHexInt64:
@@ -127,10 +142,12 @@ std::wstring PropertyValueText(const PropertyReader& reader, uint16_t inType, ui
         case kInTypeCountedAnsiString:
         case kInTypeHexDump: {
             const PropertyBytes value = reader.ReadAllocated();
-            return HexBytes(value.data(), value.size());
+            AssignHexBytes(text, value.data(), value.size());
+            break;
         }
         default:
-            return std::wstring();
+            text.clear();
+            break;
     }
 }
 

@@ -138,10 +138,12 @@ void AppendDecimal(std::wstring& text, uint64_t value) {
 
 std::wstring WideFromUtf16(const char16_t* text, size_t maxUnits) {
     std::wstring wide;
-    if (text == nullptr) {
-        return wide;
-    }
-    const size_t units = UnitsBeforeNull(text, maxUnits);
+    AssignWideFromUtf16(wide, text, maxUnits);
+    return wide;
+}
+
+void AssignWideFromUtf16(std::wstring& wide, const char16_t* text, size_t maxUnits) {
+    const size_t units = text != nullptr ? UnitsBeforeNull(text, maxUnits) : 0;
     // Written in place: no text is longer in UTF-32, and pairs make it shorter.
     wide.resize(units);
     wchar_t* out = wide.data();
@@ -160,7 +162,6 @@ std::wstring WideFromUtf16(const char16_t* text, size_t maxUnits) {
         *out++ = static_cast<wchar_t>(unit);
     }
     wide.resize(static_cast<size_t>(out - wide.data()));
-    return wide;
 }
 
 #ifdef _WIN32
