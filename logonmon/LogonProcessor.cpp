@@ -83,14 +83,14 @@ void LogonProcessor::Configure(const SESSION_CONFIG& config) {
 void LogonProcessor::HandleEventRecord(const EVENT_RECORD* eventRecord) {
     auto record = std::make_shared<EventRecordData>(*eventRecord);
     ScopedCurrentRecord current(record.get());
+    std::unique_lock<std::recursive_mutex> lock(mutex_);
     AsyncEstablishSessionContext(
         record, [this](const std::shared_ptr<EventRecordData>& ready) { ProcessEvent(ready); });
-    UpdateTimer();
+    UpdateTimer(lock);
 }
 
 void LogonProcessor::AsyncEstablishSessionContext(const std::shared_ptr<EventRecordData>& record,
                                                   const EventContinuation& continuation) {
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
     std::shared_ptr<SESSION_CONTEXT> context = FindSessionContext(*record);
     LinkToSession(*record, context);
     std::exception_ptr replayFailure;
@@ -284,36 +284,30 @@ void LogonProcessor::LogEventAsString(EventRecordData& record) {
                  record.MessageText().c_str());
 }
 
-void LogonProcessor::UpdateTimer() {
-    // Both destroyed outside the lock.
-    std::unique_ptr<PeriodicTimer> cancelled;
+void LogonProcessor::UpdateTimer(std::unique_lock<std::recursive_mutex>& lock) {
+    // Both destroyed with the lock released: stopping waits for a tick in
+    // progress, which takes the lock.
+    std::unique_ptr<PeriodicTimer> cancelled = std::move(cancelledTimer_);
     std::unique_ptr<PeriodicTimer> stopped;
-    {
-        std::lock_guard<std::recursive_mutex> lock(mutex_);
-        cancelled = std::move(cancelledTimer_);
-        if (!config_.realTime) {
-            return;
+    if (config_.realTime && !activeSessions_.empty()) {
+        if (!timer_) {
+            // With no timeout the tick still paces the sampling.
+            const uint32_t period = config_.sessionTimeoutMs == 0
+                                        ? kLongestTimerPeriodMs
+                                        : std::min(config_.sessionTimeoutMs, kLongestTimerPeriodMs);
+            timer_ = services_.timers->StartPeriodic(period, [this] { OnTimer(); });
         }
-        if (!activeSessions_.empty()) {
-            if (!timer_) {
-                // With no timeout the tick still paces the sampling.
-                const uint32_t period =
-                    config_.sessionTimeoutMs == 0
-                        ? kLongestTimerPeriodMs
-                        : std::min(config_.sessionTimeoutMs, kLongestTimerPeriodMs);
-                timer_ = services_.timers->StartPeriodic(period, [this] { OnTimer(); });
-            }
-            SwitchSampling(true);
-            return;
-        }
+        SwitchSampling(true);
+    } else if (config_.realTime) {
         stopped = std::move(timer_);
     }
+    lock.unlock();
+    cancelled.reset();
     if (!stopped) {
         return;
     }
-    // Outside the lock: stopping waits for a tick in progress, which takes it.
     stopped.reset();
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    lock.lock();
     // Another event may have started a new timer meanwhile.
     if (!timer_) {
         SwitchSampling(false);

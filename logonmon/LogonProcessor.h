@@ -72,7 +72,8 @@ class LogonProcessor {
 
     // Finds the record's session and calls `continuation` with it, with every
     // held-back event that the session now claims first; or holds the record
-    // back until a later event shows which session it belongs to.
+    // back until a later event shows which session it belongs to. The caller
+    // holds the lock.
     void AsyncEstablishSessionContext(const std::shared_ptr<EventRecordData>& record,
                                       const EventContinuation& continuation);
 
@@ -102,7 +103,9 @@ class LogonProcessor {
     void ProcessEvent(const std::shared_ptr<EventRecordData>& record);
     void RouteEvent(EventRecordData& record);
     void LogEventAsString(EventRecordData& record);
-    void UpdateTimer();
+    // Called with the lock held through `lock`, which it releases while it
+    // destroys timers.
+    void UpdateTimer(std::unique_lock<std::recursive_mutex>& lock);
     // Tells the owner when the answer changes.
     void SwitchSampling(bool enable);
     void DropSession(const std::shared_ptr<SESSION_CONTEXT>& context);

@@ -43,9 +43,12 @@ class NamedValues {
     const_iterator lower_bound(std::wstring_view name) const {
         return std::lower_bound(values_.begin(), values_.end(), name, NameBefore);
     }
+    // A walk comparing lengths first: a session has a few dozen values, and
+    // their names share long prefixes that make ordered comparisons slow.
     const_iterator find(std::wstring_view name) const {
-        const auto found = lower_bound(name);
-        return found != end() && found->first == name ? found : end();
+        return std::find_if(values_.begin(), values_.end(), [name](const value_type& entry) {
+            return entry.first.size() == name.size() && entry.first == name;
+        });
     }
     iterator find(std::wstring_view name) {
         return begin() + (std::as_const(*this).find(name) - values_.cbegin());
@@ -62,11 +65,11 @@ class NamedValues {
 
     Value& operator[](std::wstring_view name) { return try_emplace(name, Value{}).first->second; }
     std::pair<iterator, bool> try_emplace(std::wstring_view name, const Value& value) {
-        const auto found = begin() + (lower_bound(name) - values_.cbegin());
-        if (found != end() && found->first == name) {
+        if (const auto found = find(name); found != end()) {
             return {found, false};
         }
-        return {values_.insert(found, value_type{name, value}), true};
+        const auto at = begin() + (lower_bound(name) - values_.cbegin());
+        return {values_.insert(at, value_type{name, value}), true};
     }
     void insert_or_assign(std::wstring_view name, const Value& value) {
         try_emplace(name, value).first->second = value;

@@ -11,45 +11,16 @@
 #include "trace/PropertyValueText.h"
 #include "trace/Providers.h"
 #include "trace/TextForms.h"
+#include "trace/ThreadSpares.h"
 
 namespace logonmon {
 
 namespace {
 
-// Maps of records gone keep their entries here, with the capacity of their
-// texts, for the next records decoded on the thread: decoding then seldom
-// allocates.
-class SpareEntries {
-  public:
-    ~SpareEntries() { gone_ = true; }
-
-    static SpareEntries* OfThisThread() {
-        thread_local SpareEntries spare;
-        return gone_ ? nullptr : &spare;
-    }
-
-    void Keep(std::vector<PropertyMap::value_type>&& entries) {
-        if (entries.capacity() != 0 && kept_.size() < kKept) {
-            kept_.push_back(std::move(entries));
-        }
-    }
-    std::vector<PropertyMap::value_type> Take() {
-        if (kept_.empty()) {
-            return {};
-        }
-        std::vector<PropertyMap::value_type> entries = std::move(kept_.back());
-        kept_.pop_back();
-        return entries;
-    }
-
-  private:
-    // Held-back records aside, a thread has few records alive at once.
-    static constexpr size_t kKept = 16;
-    static thread_local bool gone_;
-    std::vector<std::vector<PropertyMap::value_type>> kept_;
-};
-
-thread_local bool SpareEntries::gone_ = false;
+// Maps and payloads of records gone, for the next records on the thread.
+using SpareEntries = ThreadSpares<std::vector<PropertyMap::value_type>>;
+// A payload seldom exceeds a few hundred bytes; larger buffers are not kept.
+using SparePayloads = ThreadSpares<std::vector<uint8_t>, 16, 4096>;
 
 const std::wstring& NoText() {
     static const std::wstring none;
@@ -188,16 +159,12 @@ std::wstring DescriptionFromNames(const EventRecordData& data) {
 }  // namespace
 
 PropertyMap::~PropertyMap() {
-    if (SpareEntries* spare = SpareEntries::OfThisThread()) {
-        spare->Keep(std::move(entries_));
-    }
+    SpareEntries::Keep(std::move(entries_));
 }
 
 void PropertyMap::AssignKeys(std::span<const std::wstring_view> keys) {
     if (entries_.capacity() == 0) {
-        if (SpareEntries* spare = SpareEntries::OfThisThread()) {
-            entries_ = spare->Take();
-        }
+        entries_ = SpareEntries::Take();
     }
     entries_.resize(keys.size());
     for (size_t i = 0; i < keys.size(); ++i) {
@@ -268,9 +235,14 @@ EventRecordData::EventRecordData(const EVENT_RECORD& record)
     // A length without data gives an empty buffer and a length of 0.
     if (record.UserData != nullptr && record.UserDataLength > 0) {
         const auto* bytes = static_cast<const uint8_t*>(record.UserData);
+        userData = SparePayloads::Take();
         userData.assign(bytes, bytes + record.UserDataLength);
     }
     userDataLength = static_cast<uint32_t>(userData.size());
+}
+
+EventRecordData::~EventRecordData() {
+    SparePayloads::Keep(std::move(userData));
 }
 
 EventRecordData::EventRecordData(const EventLineFields& fields)

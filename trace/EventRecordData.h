@@ -85,6 +85,8 @@ class EventRecordData {
     // later.
     explicit EventRecordData(const EventLineFields& fields);
 
+    // Leaves its payload's storage to the next record made on this thread.
+    ~EventRecordData();
     EventRecordData(const EventRecordData&) = delete;
     EventRecordData& operator=(const EventRecordData&) = delete;
 
