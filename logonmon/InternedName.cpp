@@ -39,6 +39,11 @@ struct NameHash {
 }  // namespace
 
 std::wstring_view InternedName(std::wstring_view name) {
+    // The names this thread already asked for, found without the lock.
+    thread_local std::unordered_set<std::wstring_view, NameHash, std::equal_to<>> known;
+    if (const auto found = known.find(name); found != known.end()) {
+        return *found;
+    }
     static std::mutex mutex;
     // Nodes never move, so views of the names stay valid as the set grows.
     static std::unordered_set<std::wstring, NameHash, std::equal_to<>> names;
@@ -47,6 +52,7 @@ std::wstring_view InternedName(std::wstring_view name) {
     if (found == names.end()) {
         found = names.emplace(name).first;
     }
+    known.insert(*found);
     return *found;
 }
 

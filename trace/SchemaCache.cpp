@@ -2,8 +2,8 @@
 
 #include <array>
 #include <cstring>
-#include <unordered_map>
 #include <mutex>
+#include <unordered_map>
 
 #include "trace/Providers.h"
 
@@ -65,10 +65,23 @@ std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& recor
     if (CarriesItsOwnSchema(record)) {
         return Fetch(record, tdh);
     }
+    const SchemaKey key = KeyOf(record);
+    // The schemas this thread used last, by a few bits of their key: most
+    // events find theirs here without taking the lock. One of a binding gone
+    // is never served, as the key holds the generation.
+    struct RecentSchema {
+        SchemaKey key{};
+        std::shared_ptr<const DecodedSchema> schema;
+    };
+    thread_local std::array<RecentSchema, 32> recent;
+    RecentSchema& slot = recent[SchemaKeyHash()(key) % recent.size()];
+    if (slot.schema && slot.key == key) {
+        return slot.schema;
+    }
+
     static std::mutex mutex;
     static std::unordered_map<SchemaKey, std::shared_ptr<const DecodedSchema>, SchemaKeyHash>
         schemas;
-    const SchemaKey key = KeyOf(record);
     {
         std::lock_guard<std::mutex> lock(mutex);
         static uint64_t generation = 0;
@@ -77,6 +90,7 @@ std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& recor
             generation = key[0];
         }
         if (const auto found = schemas.find(key); found != schemas.end()) {
+            slot = {key, found->second};
             return found->second;
         }
     }
@@ -84,6 +98,7 @@ std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& recor
     // Events without a schema are asked again: a manifest may be installed
     // meanwhile.
     if (schema && schema->decodingSource != kDecodingSourceTraceLogging) {
+        slot = {key, schema};
         std::lock_guard<std::mutex> lock(mutex);
         schemas.emplace(key, schema);
     }
