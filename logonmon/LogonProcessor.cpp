@@ -81,7 +81,7 @@ void LogonProcessor::Configure(const SESSION_CONFIG& config) {
 }
 
 void LogonProcessor::HandleEventRecord(const EVENT_RECORD* eventRecord) {
-    auto record = std::make_shared<EventRecordData>(*eventRecord);
+    auto record = MakeEventRecordData(*eventRecord);
     ScopedCurrentRecord current(record.get());
     std::unique_lock<std::recursive_mutex> lock(mutex_);
     AsyncEstablishSessionContext(

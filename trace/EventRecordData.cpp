@@ -241,6 +241,10 @@ EventRecordData::EventRecordData(const EVENT_RECORD& record)
     userDataLength = static_cast<uint32_t>(userData.size());
 }
 
+std::shared_ptr<EventRecordData> MakeEventRecordData(const EVENT_RECORD& record) {
+    return std::allocate_shared<EventRecordData>(RecyclingAllocator<EventRecordData>(), record);
+}
+
 EventRecordData::~EventRecordData() {
     SparePayloads::Keep(std::move(userData));
 }

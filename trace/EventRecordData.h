@@ -64,6 +64,11 @@ class PropertyMap {
 // HRESULT of ERROR_INVALID_SID, as the system's copy reports it.
 inline constexpr char kUserSidCopyFailed[] = "Failed to copy the event's user SID: 0x80070539";
 
+class EventRecordData;
+
+// A decoded record, in storage that records gone from this thread hand on.
+std::shared_ptr<EventRecordData> MakeEventRecordData(const EVENT_RECORD& record);
+
 // What a log line shows of an event, kept once the event itself is gone.
 struct EventLineFields {
     std::shared_ptr<const DecodedSchema> schema;

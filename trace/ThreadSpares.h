@@ -4,8 +4,10 @@
 // are destroyed at its exit.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -44,6 +46,57 @@ class ThreadSpares {
     static Spares* OfThisThread() {
         thread_local Spares spares;
         return Spares::gone ? nullptr : &spares;
+    }
+};
+
+// Allocates single objects, keeping a few freed blocks per thread for the
+// next object of the type: std::allocate_shared asks for an object and its
+// count in one block, which a stream of events would otherwise take from
+// and give back to the heap every time.
+template <typename T>
+class RecyclingAllocator {
+  public:
+    using value_type = T;
+
+    RecyclingAllocator() = default;
+    template <typename U>
+    explicit RecyclingAllocator(const RecyclingAllocator<U>&) noexcept {}
+
+    T* allocate(size_t count) {
+        Blocks* blocks = count == 1 ? OfThisThread() : nullptr;
+        if (blocks != nullptr && blocks->count > 0) {
+            return static_cast<T*>(blocks->kept[--blocks->count]);
+        }
+        return std::allocator<T>().allocate(count);
+    }
+
+    void deallocate(T* block, size_t count) noexcept {
+        Blocks* blocks = count == 1 ? OfThisThread() : nullptr;
+        if (blocks != nullptr && blocks->count < blocks->kept.size()) {
+            blocks->kept[blocks->count++] = block;
+            return;
+        }
+        std::allocator<T>().deallocate(block, count);
+    }
+
+    friend bool operator==(const RecyclingAllocator&, const RecyclingAllocator&) { return true; }
+
+  private:
+    struct Blocks {
+        ~Blocks() {
+            gone = true;
+            for (size_t i = 0; i < count; ++i) {
+                std::allocator<T>().deallocate(static_cast<T*>(kept[i]), 1);
+            }
+        }
+        std::array<void*, 16> kept{};
+        size_t count = 0;
+        static inline thread_local bool gone = false;
+    };
+
+    static Blocks* OfThisThread() {
+        thread_local Blocks blocks;
+        return Blocks::gone ? nullptr : &blocks;
     }
 };
 
