@@ -44,10 +44,12 @@ class NamedValues {
         return std::lower_bound(values_.begin(), values_.end(), name, NameBefore);
     }
     // A walk comparing lengths first: a session has a few dozen values, and
-    // their names share long prefixes that make ordered comparisons slow.
+    // their names share long prefixes that make ordered comparisons slow. An
+    // interned name is found by its address.
     const_iterator find(std::wstring_view name) const {
         return std::find_if(values_.begin(), values_.end(), [name](const value_type& entry) {
-            return entry.first.size() == name.size() && entry.first == name;
+            return entry.first.size() == name.size() &&
+                   (entry.first.data() == name.data() || entry.first == name);
         });
     }
     iterator find(std::wstring_view name) {
@@ -65,10 +67,10 @@ class NamedValues {
 
     Value& operator[](std::wstring_view name) { return try_emplace(name, Value{}).first->second; }
     std::pair<iterator, bool> try_emplace(std::wstring_view name, const Value& value) {
-        if (const auto found = find(name); found != end()) {
-            return {found, false};
-        }
         const auto at = begin() + (lower_bound(name) - values_.cbegin());
+        if (at != end() && at->first == name) {
+            return {at, false};
+        }
         return {values_.insert(at, value_type{name, value}), true};
     }
     void insert_or_assign(std::wstring_view name, const Value& value) {
