@@ -1,6 +1,7 @@
 #include "logonmon/SessionIndex.h"
 
 #include <algorithm>
+#include <cstring>
 #include <span>
 
 namespace logonmon {
@@ -17,15 +18,21 @@ struct SessionIdOrder {
     }
 };
 
-// Only sessions with a user are in this index.
+// Only sessions with a user are in this index, ordered by the length of the
+// SID, then by its bytes.
 struct SidOrder {
     using Bytes = std::span<const uint8_t>;
     static Bytes KeyOf(const SESSION_CONTEXT& context) { return context.userSid->Bytes(); }
+    static bool Before(Bytes left, Bytes right) {
+        return left.size() != right.size()
+                   ? left.size() < right.size()
+                   : std::memcmp(left.data(), right.data(), left.size()) < 0;
+    }
     bool operator()(const std::shared_ptr<SESSION_CONTEXT>& entry, Bytes key) const {
-        return std::ranges::lexicographical_compare(KeyOf(*entry), key);
+        return Before(KeyOf(*entry), key);
     }
     bool operator()(Bytes key, const std::shared_ptr<SESSION_CONTEXT>& entry) const {
-        return std::ranges::lexicographical_compare(key, KeyOf(*entry));
+        return Before(key, KeyOf(*entry));
     }
 };
 
