@@ -57,15 +57,14 @@ void Erase(Sessions& index, const SESSION_CONTEXT& context) {
 template <typename Order, typename Sessions, typename Key>
 std::shared_ptr<SESSION_CONTEXT> Newest(const Sessions& index, const Key& key, uint64_t timestamp) {
     const auto [first, last] = std::equal_range(index.begin(), index.end(), key, Order());
-    std::shared_ptr<SESSION_CONTEXT> newest;
+    auto newest = last;
     for (auto entry = first; entry != last; ++entry) {
-        const auto& context = *entry;
-        if (context->createdAt <= timestamp &&
-            (!newest || context->createdAt >= newest->createdAt)) {
-            newest = context;
+        if ((*entry)->createdAt <= timestamp &&
+            (newest == last || (*entry)->createdAt >= (*newest)->createdAt)) {
+            newest = entry;
         }
     }
-    return newest;
+    return newest != last ? *newest : nullptr;
 }
 
 }  // namespace

@@ -1,3 +1,9 @@
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
 #include "logonmon/EventFields.h"
 #include "logonmon/LogonProcessor.h"
 #include "logonmon/ProcessorTexts.h"
@@ -15,6 +21,71 @@ constexpr uint16_t kNotificationStop = 802;
 constexpr uint16_t kSubscriberStart = 811;
 constexpr uint16_t kSubscriberStop = 812;
 constexpr uint16_t kUserinitStop = 10;
+
+// "WL_" task "_" [subscriber "_"] notification "_" Start/Stop, e.g.
+// "WL_NotifyExecute_Login_Start", "WL_CallSubscriber_Profiles_Login_Start".
+std::wstring_view BuildTimingPointName(const EventRecordData& record,
+                                       std::wstring_view notification,
+                                       std::wstring_view subscriber) {
+    const std::wstring_view ending = record.opcode == kOpcodeStart ? std::wstring_view(L"Start")
+                                     : record.opcode == kOpcodeStop
+                                         ? std::wstring_view(L"Stop")
+                                         : std::wstring_view(record.opcodeName);
+    // Built in a buffer that keeps its size: no allocation once a name was seen.
+    thread_local std::wstring name;
+    name.assign(L"WL_").append(record.taskName).append(L"_");
+    if (!subscriber.empty()) {
+        name.append(subscriber).append(L"_");
+    }
+    name.append(notification).append(L"_").append(ending);
+    return InternedName(name);
+}
+
+// The timing-point names this thread built last, by what they are built
+// from: an event kind (its schema, held so that its address stays its own),
+// the notification and the subscriber. Most Winlogon events find theirs here
+// without building it.
+class RecentTimingPointNames {
+  public:
+    std::wstring_view For(const EventRecordData& record, std::wstring_view notification,
+                          std::wstring_view subscriber) {
+        Entry& entry = entries_[Slot(record, notification, subscriber)];
+        if (!entry.schema || entry.schema != record.schema || entry.opcode != record.opcode ||
+            entry.notification != notification || entry.subscriber != subscriber) {
+            entry.name = BuildTimingPointName(record, notification, subscriber);
+            entry.schema = record.schema;
+            entry.opcode = record.opcode;
+            entry.notification = notification;
+            entry.subscriber = subscriber;
+        }
+        return entry.name;
+    }
+
+  private:
+    struct Entry {
+        std::shared_ptr<const DecodedSchema> schema;
+        uint8_t opcode = 0;
+        std::wstring notification;
+        std::wstring subscriber;
+        std::wstring_view name;
+    };
+
+    static size_t Slot(const EventRecordData& record, std::wstring_view notification,
+                       std::wstring_view subscriber) {
+        size_t hash = reinterpret_cast<uintptr_t>(record.schema.get()) >> 4;
+        for (const std::wstring_view text : {notification, subscriber}) {
+            hash = hash * 31 + text.size();
+            for (const wchar_t c : text) {
+                hash = hash * 31 + static_cast<size_t>(c);
+            }
+        }
+        return (hash ^ record.opcode) % kEntries;
+    }
+
+    // A logon meets a few dozen kinds of these events.
+    static constexpr size_t kEntries = 256;
+    std::array<Entry, kEntries> entries_;
+};
 
 }  // namespace
 
@@ -52,25 +123,12 @@ void LogonProcessor::RouteWinlogon(EventRecordData& record) {
     }
 }
 
-// "WL_" task "_" [subscriber "_"] notification "_" Start/Stop, e.g.
-// "WL_NotifyExecute_Login_Start", "WL_CallSubscriber_Profiles_Login_Start".
 void LogonProcessor::RecordWinlogonTimingPoint(EventRecordData& record,
                                                const std::wstring& notification,
                                                const std::wstring& subscriber) {
-    const std::wstring_view ending = record.opcode == kOpcodeStart ? std::wstring_view(L"Start")
-                                     : record.opcode == kOpcodeStop
-                                         ? std::wstring_view(L"Stop")
-                                         : std::wstring_view(record.opcodeName);
-    // Built in a buffer that keeps its size, then looked up in the interned
-    // names: no allocation once a name was seen.
-    thread_local std::wstring name;
-    name.assign(L"WL_").append(record.taskName).append(L"_");
-    if (!subscriber.empty()) {
-        name.append(subscriber).append(L"_");
-    }
-    name.append(notification).append(L"_").append(ending);
-    record.sessionContext->timingPoints.insert_or_assign(InternedName(name),
-                                                         record.timestamp);
+    thread_local RecentTimingPointNames names;
+    record.sessionContext->timingPoints.insert_or_assign(
+        names.For(record, notification, subscriber), record.timestamp);
 }
 
 void LogonProcessor::Winlogon_CreateSession(EventRecordData& record) {

@@ -1,5 +1,6 @@
 #include "trace/TextForms.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace logonmon {
@@ -143,23 +144,30 @@ std::wstring WideFromUtf16(const char16_t* text, size_t maxUnits) {
 }
 
 void AssignWideFromUtf16(std::wstring& wide, const char16_t* text, size_t maxUnits) {
-    const size_t units = text != nullptr ? UnitsBeforeNull(text, maxUnits) : 0;
-    // Written in place: no text is longer in UTF-32, and pairs make it shorter.
+    // One pass finds the end and whether any unit is a surrogate; most texts
+    // have none and are then widened unit for unit.
+    size_t units = 0;
+    bool surrogates = false;
+    for (; text != nullptr && units < maxUnits && text[units] != 0; ++units) {
+        surrogates |= (text[units] & 0xF800) == 0xD800;
+    }
     wide.resize(units);
     wchar_t* out = wide.data();
+    if (sizeof(wchar_t) == 2 || !surrogates) {
+        std::copy(text, text + units, out);
+        return;
+    }
     for (size_t i = 0; i < units; ++i) {
         const char16_t unit = text[i];
-        if constexpr (sizeof(wchar_t) != 2) {
-            const bool highSurrogate = unit >= 0xD800 && unit <= 0xDBFF;
-            if (highSurrogate && i + 1 < units && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF) {
-                *out++ = static_cast<wchar_t>(0x10000 + ((char32_t{unit} - 0xD800) << 10) +
-                                              (char32_t{text[i + 1]} - 0xDC00));
-                ++i;
-                continue;
-            }
+        const bool highSurrogate = unit >= 0xD800 && unit <= 0xDBFF;
+        if (highSurrogate && i + 1 < units && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF) {
+            *out++ = static_cast<wchar_t>(0x10000 + ((char32_t{unit} - 0xD800) << 10) +
+                                          (char32_t{text[i + 1]} - 0xDC00));
+            ++i;
+        } else {
+            // An unpaired surrogate is kept as it stands.
+            *out++ = static_cast<wchar_t>(unit);
         }
-        // An unpaired surrogate is kept as it stands.
-        *out++ = static_cast<wchar_t>(unit);
     }
     wide.resize(static_cast<size_t>(out - wide.data()));
 }
