@@ -4,6 +4,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
 #include <initializer_list>
 #include <stdexcept>
 #include <string_view>
@@ -47,6 +48,9 @@ class NamedValues {
     // their names share long prefixes that make ordered comparisons slow. An
     // interned name is found by its address.
     const_iterator find(std::wstring_view name) const {
+        if ((lengths_ & LengthBit(name)) == 0) {
+            return end();
+        }
         return std::find_if(values_.begin(), values_.end(), [name](const value_type& entry) {
             return entry.first.size() == name.size() &&
                    (entry.first.data() == name.data() || entry.first == name);
@@ -71,6 +75,7 @@ class NamedValues {
         if (at != end() && at->first == name) {
             return {at, false};
         }
+        lengths_ |= LengthBit(name);
         return {values_.insert(at, value_type{name, value}), true};
     }
     void insert_or_assign(std::wstring_view name, const Value& value) {
@@ -83,8 +88,12 @@ class NamedValues {
     static bool NameBefore(const value_type& entry, std::wstring_view name) {
         return entry.first < name;
     }
+    static uint64_t LengthBit(std::wstring_view name) { return uint64_t{1} << (name.size() % 64); }
 
     std::vector<value_type> values_;
+    // A bit for each length of name held, modulo 64: most names asked for
+    // and missing are ruled out without a walk.
+    uint64_t lengths_ = 0;
 };
 
 }  // namespace logonmon
