@@ -72,14 +72,17 @@ class RecentTimingPointNames {
 
     static size_t Slot(const EventRecordData& record, std::wstring_view notification,
                        std::wstring_view subscriber) {
-        size_t hash = reinterpret_cast<uintptr_t>(record.schema.get()) >> 4;
+        // A few characters of each text tell the names of one logon apart.
+        size_t hash = reinterpret_cast<uintptr_t>(record.schema.get()) >> 4 ^ record.opcode;
         for (const std::wstring_view text : {notification, subscriber}) {
             hash = hash * 31 + text.size();
-            for (const wchar_t c : text) {
-                hash = hash * 31 + static_cast<size_t>(c);
+            if (!text.empty()) {
+                hash = hash * 31 + static_cast<size_t>(text.front());
+                hash = hash * 31 + static_cast<size_t>(text[text.size() / 2]);
+                hash = hash * 31 + static_cast<size_t>(text.back());
             }
         }
-        return (hash ^ record.opcode) % kEntries;
+        return hash % kEntries;
     }
 
     // A logon meets a few dozen kinds of these events.

@@ -38,6 +38,16 @@ const PropertyDefinition* FindProperty(const EVENT_RECORD& event,
     return found != served->properties.end() ? &*found : nullptr;
 }
 
+// The property a size query just found on this thread: the value query that
+// follows it, for the same event and name, takes it without searching again.
+struct SizedProperty {
+    const FakeTdh* tdh = nullptr;
+    const EVENT_RECORD* event = nullptr;
+    uint64_t name = 0;
+    const PropertyDefinition* property = nullptr;
+};
+thread_local SizedProperty lastSized;
+
 // The answer to a property query, before the value is handed over.
 uint32_t PropertyStatus(const PropertyDefinition* property, uint32_t failWith) {
     return failWith != 0 ? failWith : property == nullptr ? kErrorNotFound : kErrorSuccess;
@@ -163,6 +173,7 @@ uint32_t FakeTdh::GetPropertySize(const EVENT_RECORD& event,
                                   const PROPERTY_DATA_DESCRIPTOR& descriptor,
                                   uint32_t* propertySize) {
     const PropertyDefinition* property = FindProperty(event, descriptor);
+    lastSized = {this, &event, descriptor.PropertyName, property};
     const uint32_t status = PropertyStatus(property, failPropertySizeWith);
     if (status == kErrorSuccess) {
         *propertySize = static_cast<uint32_t>(property->value.size());
@@ -172,7 +183,11 @@ uint32_t FakeTdh::GetPropertySize(const EVENT_RECORD& event,
 
 uint32_t FakeTdh::GetProperty(const EVENT_RECORD& event, const PROPERTY_DATA_DESCRIPTOR& descriptor,
                               uint32_t bufferSize, uint8_t* buffer) {
-    const PropertyDefinition* property = FindProperty(event, descriptor);
+    const bool sized = lastSized.tdh == this && lastSized.event == &event &&
+                       lastSized.name == descriptor.PropertyName;
+    const PropertyDefinition* property =
+        sized ? lastSized.property : FindProperty(event, descriptor);
+    lastSized = {};
     uint32_t status = PropertyStatus(property, failPropertyWith);
     if (status == kErrorSuccess && bufferSize < property->value.size()) {
         status = kErrorInsufficientBuffer;
