@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <memory>
 #include <utility>
-#include <vector>
 
 namespace logonmon {
 
@@ -17,33 +16,33 @@ namespace logonmon {
 template <typename Buffer, size_t kKept = 16, size_t kLargest = SIZE_MAX>
 class ThreadSpares {
   public:
-    static void Keep(Buffer&& buffer) {
+    // Never throws: it is called from destructors.
+    static void Keep(Buffer&& buffer) noexcept {
         Spares* spares = OfThisThread();
         if (spares != nullptr && buffer.capacity() != 0 && buffer.capacity() <= kLargest &&
-            spares->kept.size() < kKept) {
-            spares->kept.push_back(std::move(buffer));
+            spares->count < kKept) {
+            spares->kept[spares->count++] = std::move(buffer);
         }
     }
 
     // A kept buffer, or an empty one; its content is left over.
-    static Buffer Take() {
+    static Buffer Take() noexcept {
         Spares* spares = OfThisThread();
-        if (spares == nullptr || spares->kept.empty()) {
+        if (spares == nullptr || spares->count == 0) {
             return Buffer();
         }
-        Buffer buffer = std::move(spares->kept.back());
-        spares->kept.pop_back();
-        return buffer;
+        return std::move(spares->kept[--spares->count]);
     }
 
   private:
     struct Spares {
         ~Spares() { gone = true; }
-        std::vector<Buffer> kept;
+        std::array<Buffer, kKept> kept{};
+        size_t count = 0;
         static inline thread_local bool gone = false;
     };
 
-    static Spares* OfThisThread() {
+    static Spares* OfThisThread() noexcept {
         thread_local Spares spares;
         return Spares::gone ? nullptr : &spares;
     }
