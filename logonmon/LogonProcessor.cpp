@@ -91,8 +91,9 @@ void LogonProcessor::HandleEventRecord(const EVENT_RECORD* eventRecord) {
 
 void LogonProcessor::AsyncEstablishSessionContext(const std::shared_ptr<EventRecordData>& record,
                                                   const EventContinuation& continuation) {
-    std::shared_ptr<SESSION_CONTEXT> context = FindSessionContext(*record);
-    LinkToSession(*record, context);
+    // The record's link keeps the session alive while the event is handled.
+    LinkToSession(*record, FindSessionContext(*record));
+    const std::shared_ptr<SESSION_CONTEXT>& context = record->sessionContext;
     std::exception_ptr replayFailure;
 
     if (IsProfileServiceEvent(*record)) {
@@ -106,14 +107,14 @@ void LogonProcessor::AsyncEstablishSessionContext(const std::shared_ptr<EventRec
                     context, continuation);
             }
         } else {
-            context = NewestSession(record->timestamp, [threadId](const SESSION_CONTEXT& c) {
-                return c.profileThreadId != 0 && c.profileThreadId == threadId;
-            });
+            LinkToSession(*record,
+                          NewestSession(record->timestamp, [threadId](const SESSION_CONTEXT& c) {
+                              return c.profileThreadId != 0 && c.profileThreadId == threadId;
+                          }));
             if (!context) {
                 HoldBack(heldBackByThread_, record);
                 return;
             }
-            LinkToSession(*record, context);
         }
     } else if (IsPolicyActivityEvent(*record)) {
         const GUID activityId = record->activityId;
@@ -128,16 +129,16 @@ void LogonProcessor::AsyncEstablishSessionContext(const std::shared_ptr<EventRec
                     context, continuation);
             }
         } else {
-            context = NewestSession(record->timestamp, [&activityId](const SESSION_CONTEXT& c) {
-                return GuidEquals(c.policyActivityId, activityId);
-            });
+            LinkToSession(*record,
+                          NewestSession(record->timestamp, [&activityId](const SESSION_CONTEXT& c) {
+                              return GuidEquals(c.policyActivityId, activityId);
+                          }));
             // Machine policy runs under an activity of its own that no logon
             // claims; its handler serves every open session at once.
             if (!context && record->eventId != kMachinePolicyFinished) {
                 HoldBack(heldBackByActivity_, record);
                 return;
             }
-            LinkToSession(*record, context);
         }
     }
     continuation(record);
@@ -224,7 +225,8 @@ void LogonProcessor::ProcessEvent(const std::shared_ptr<EventRecordData>& record
     if (config_.logEveryEvent) {
         LogEventAsString(*record);
     }
-    const std::shared_ptr<SESSION_CONTEXT> context = record->sessionContext;
+    // The record's link keeps the session alive until it is dropped here.
+    const std::shared_ptr<SESSION_CONTEXT>& context = record->sessionContext;
     if (!context) {
         return;
     }

@@ -75,10 +75,9 @@ struct SESSION_CONTEXT {
 
 // Binds an event to its session, or to none; the event's log prefix then
 // shows the session's id.
-inline void LinkToSession(EventRecordData& record,
-                          const std::shared_ptr<SESSION_CONTEXT>& context) {
-    record.sessionContext = context;
+inline void LinkToSession(EventRecordData& record, std::shared_ptr<SESSION_CONTEXT> context) {
     record.sessionIdOverride = context ? &context->sessionId : nullptr;
+    record.sessionContext = std::move(context);
 }
 
 }  // namespace logonmon
