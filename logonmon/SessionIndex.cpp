@@ -54,9 +54,8 @@ void Erase(Sessions& index, const SESSION_CONTEXT& context) {
     }
 }
 
-template <typename Order, typename Sessions, typename Key>
-std::shared_ptr<SESSION_CONTEXT> Newest(const Sessions& index, const Key& key, uint64_t timestamp) {
-    const auto [first, last] = std::equal_range(index.begin(), index.end(), key, Order());
+template <typename Iterator>
+std::shared_ptr<SESSION_CONTEXT> Newest(Iterator first, Iterator last, uint64_t timestamp) {
     auto newest = last;
     for (auto entry = first; entry != last; ++entry) {
         if ((*entry)->createdAt <= timestamp &&
@@ -70,6 +69,7 @@ std::shared_ptr<SESSION_CONTEXT> Newest(const Sessions& index, const Key& key, u
 }  // namespace
 
 void SessionIndex::Add(const std::shared_ptr<SESSION_CONTEXT>& context) {
+    lastById_.valid = false;
     Insert<SessionIdOrder>(bySessionId_, context);
     if (context->userSid) {
         Insert<SidOrder>(bySid_, context);
@@ -77,6 +77,7 @@ void SessionIndex::Add(const std::shared_ptr<SESSION_CONTEXT>& context) {
 }
 
 void SessionIndex::Remove(const SESSION_CONTEXT& context) {
+    lastById_.valid = false;
     Erase<SessionIdOrder>(bySessionId_, context);
     if (context.userSid) {
         Erase<SidOrder>(bySid_, context);
@@ -96,11 +97,20 @@ void SessionIndex::ChangeSid(const std::shared_ptr<SESSION_CONTEXT>& context,
 
 std::shared_ptr<SESSION_CONTEXT> SessionIndex::BySessionId(uint32_t sessionId,
                                                            uint64_t timestamp) const {
-    return Newest<SessionIdOrder>(bySessionId_, sessionId, timestamp);
+    if (!lastById_.valid || lastById_.sessionId != sessionId) {
+        const auto [first, last] = std::equal_range(bySessionId_.begin(), bySessionId_.end(),
+                                                    sessionId, SessionIdOrder());
+        lastById_ = {true, sessionId, static_cast<size_t>(first - bySessionId_.begin()),
+                     static_cast<size_t>(last - bySessionId_.begin())};
+    }
+    return Newest(bySessionId_.begin() + static_cast<ptrdiff_t>(lastById_.first),
+                  bySessionId_.begin() + static_cast<ptrdiff_t>(lastById_.last), timestamp);
 }
 
 std::shared_ptr<SESSION_CONTEXT> SessionIndex::BySid(const Sid& sid, uint64_t timestamp) const {
-    return Newest<SidOrder>(bySid_, sid.Bytes(), timestamp);
+    const auto [first, last] =
+        std::equal_range(bySid_.begin(), bySid_.end(), sid.Bytes(), SidOrder());
+    return Newest(first, last, timestamp);
 }
 
 }  // namespace logonmon

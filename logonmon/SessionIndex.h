@@ -26,8 +26,18 @@ class SessionIndex {
     // Sorted by their key; sessions of one key in the order they were added.
     using Sessions = std::vector<std::shared_ptr<SESSION_CONTEXT>>;
 
+    // Where the last search by id found its sessions: events come in runs
+    // of one session. Forgotten whenever the index changes.
+    struct LastRange {
+        bool valid = false;
+        uint32_t sessionId = 0;
+        size_t first = 0;
+        size_t last = 0;
+    };
+
     Sessions bySessionId_;
     Sessions bySid_;
+    mutable LastRange lastById_;
 };
 
 }  // namespace logonmon
