@@ -46,9 +46,8 @@ template <typename Order, typename Sessions>
 void Erase(Sessions& index, const SESSION_CONTEXT& context) {
     const auto [first, last] =
         std::equal_range(index.begin(), index.end(), Order::KeyOf(context), Order());
-    const auto found = std::find_if(first, last, [&context](const auto& entry) {
-        return entry.get() == &context;
-    });
+    const auto found = std::find_if(
+        first, last, [&context](const auto& entry) { return entry.get() == &context; });
     if (found != last) {
         index.erase(found);
     }
@@ -98,8 +97,8 @@ void SessionIndex::ChangeSid(const std::shared_ptr<SESSION_CONTEXT>& context,
 std::shared_ptr<SESSION_CONTEXT> SessionIndex::BySessionId(uint32_t sessionId,
                                                            uint64_t timestamp) const {
     if (!lastById_.valid || lastById_.sessionId != sessionId) {
-        const auto [first, last] = std::equal_range(bySessionId_.begin(), bySessionId_.end(),
-                                                    sessionId, SessionIdOrder());
+        const auto [first, last] =
+            std::equal_range(bySessionId_.begin(), bySessionId_.end(), sessionId, SessionIdOrder());
         lastById_ = {true, sessionId, static_cast<size_t>(first - bySessionId_.begin()),
                      static_cast<size_t>(last - bySessionId_.begin())};
     }

@@ -91,8 +91,7 @@ void LogonProcessor::LogSummary(SESSION_CONTEXT& session) {
                  static_cast<int32_t>(cseTotalMs));
     for (const auto& [extension, milliseconds] : session.cseDurations) {
         LogFormatted(kLevelInfo, kFunction, "     CSE: '%ws' Duration: %dms",
-                     std::wstring(extension).c_str(),
-                     static_cast<int32_t>(milliseconds));
+                     std::wstring(extension).c_str(), static_cast<int32_t>(milliseconds));
     }
 
     LogExtendedSummary(session);

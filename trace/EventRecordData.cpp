@@ -143,7 +143,8 @@ std::wstring DescriptionFromNames(const EventRecordData& data) {
         description += L"Name: " + name->second;
     }
     for (const auto& [key, value] : data.properties) {
-        if (SamePropertyName(key, L"Opcode") || SamePropertyName(key, L"Task") || SamePropertyName(key, L"name")) {
+        if (SamePropertyName(key, L"Opcode") || SamePropertyName(key, L"Task") ||
+            SamePropertyName(key, L"name")) {
             continue;
         }
         if (description.size() > 1) {

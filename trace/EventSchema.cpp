@@ -40,8 +40,8 @@ void LayOutKeys(DecodedSchema& schema) {
         names.emplace_back(property.key);
     }
     for (const std::wstring_view name : names) {
-        const auto at = std::lower_bound(schema.keys.begin(), schema.keys.end(), name,
-                                         PropertyNameLess());
+        const auto at =
+            std::lower_bound(schema.keys.begin(), schema.keys.end(), name, PropertyNameLess());
         if (at == schema.keys.end() || !SamePropertyName(*at, name)) {
             schema.keys.insert(at, name);
         }

@@ -133,8 +133,9 @@ TEST_F(EventHandlersTest, ScriptHostsAddTheirRunTimes) {
     EXPECT_EQ(session.timingPoints.at(L"GP_LOGON_SCRIPT_START"), kMorning + 5 * kSecond);
     EXPECT_EQ(session.timingPoints.at(L"GP_PS_LOGON_SCRIPT_STOP"), kMorning + 152'500'000);
     EXPECT_TRUE(session.scriptHosts.empty());
-    EXPECT_THAT(processor.lines,
-                ::testing::Contains("5 Process_Exited: Group Policy Logon Script Time: 4.00 Seconds"));
+    EXPECT_THAT(
+        processor.lines,
+        ::testing::Contains("5 Process_Exited: Group Policy Logon Script Time: 4.00 Seconds"));
 }
 
 }  // namespace
