@@ -234,6 +234,18 @@ TEST_F(LogonProcessorTest, HeldBackEventsAreBoundedByAgeAndCount) {
     }
 }
 
+// A held-back event can settle its session when it is replayed: the event
+// that claimed it then finds no session, and the logon ends once.
+TEST_F(LogonProcessorTest, AReplayedEventThatSettlesTheSessionEndsItOnce) {
+    auto& processor = Processor(SESSION_CONFIG{1000, false, false, true});
+    processor.Feed(Logon(2, kAliceSid, kMorning));
+    processor.ClearLines();
+    const uint64_t late = kMorning + 60 * kSecond;
+    processor.Feed({Profile(L"held", kSystemSid, late), Profile(L"by SID", kAliceSid, late)});
+    EXPECT_EQ(processor.endedSessions.size(), 1u);
+    EXPECT_THAT(Handled(processor), ElementsAre("held @2", "by SID @-1"));
+}
+
 TEST_F(LogonProcessorTest, AFailingHandlerLeavesTheProcessorUsable) {
     auto& processor = Processor();
     processor.Feed({CreateSession(2, kAliceSid, kMorning)});
