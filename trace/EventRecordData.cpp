@@ -50,9 +50,6 @@ std::optional<uint32_t> TerminalSessionId(const EVENT_HEADER_EXTENDED_DATA_ITEM&
 // bytes after it are left out. An item that holds no whole SID cannot be
 // copied: the event fails rather than being handled without its user.
 std::optional<Sid> UserSid(const EVENT_HEADER_EXTENDED_DATA_ITEM& item) {
-    if (item.ExtType != etw::kExtTypeSid) {
-        return std::nullopt;
-    }
     std::optional<Sid> sid =
         item.DataPtr == 0 ? std::nullopt : Sid::FromBytes(ExtendedDataBytes(item), item.DataSize);
     if (!sid) {
@@ -215,19 +212,14 @@ EventRecordData::EventRecordData(const EVENT_RECORD& record)
 
     // Items are read only within their DataSize and never through a null
     // pointer; malformed ones are skipped.
+    // The last TS_ID and SID items win.
     const size_t itemCount = record.ExtendedData != nullptr ? record.ExtendedDataCount : 0;
-    for (size_t i = 0; i < itemCount; ++i) {
-        if (const auto id = TerminalSessionId(record.ExtendedData[i])) {
-            sessionId = *id;
-            break;
-        }
-    }
     for (size_t i = 0; i < itemCount; ++i) {
         const EVENT_HEADER_EXTENDED_DATA_ITEM& item = record.ExtendedData[i];
         if (const auto id = TerminalSessionId(item)) {
             sessionId = *id;
-        } else if (auto sid = UserSid(item)) {
-            userSid = std::move(sid);
+        } else if (item.ExtType == etw::kExtTypeSid) {
+            userSid = UserSid(item);
         }
     }
 
