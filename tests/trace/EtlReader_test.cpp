@@ -52,11 +52,19 @@ std::string WrittenTrace() {
         builder.Timestamp(kTime + offsets[i]).UserSid(L"S-1-5-21-1-2-3-1001");
         writer.Write(builder.Payload(std::vector<uint8_t>(40 + i, i)).Record());
     }
-    // A record that no buffer can hold is refused.
+    // A record that no buffer can hold is refused, as is a buffer too small
+    // for the log-file header.
     EventBuilder tooLarge;
     EXPECT_THAT([&] { writer.Write(tooLarge.Payload(std::vector<uint8_t>(kBuffer)).Record()); },
                 ::testing::ThrowsMessage<std::length_error>(
                     ::testing::StrEq("event record too large for an ETL buffer")));
+    std::stringstream unused;
+    EXPECT_THAT(
+        [&] {
+            EtlWriter(unused, EtlWriterOptions{256, u"logonmon_test", u"C:\\test.etl"});
+        },
+        ::testing::ThrowsMessage<std::length_error>(
+            ::testing::StrEq("ETL buffer size too small for the log-file header")));
     EXPECT_TRUE(writer.Finish());
     return out.str();
 }
@@ -131,6 +139,8 @@ TEST(EtlReaderTest, DamageStopsWithItsOffsetAfterTheEventsBeforeIt) {
          2},
         {[](std::string& b) { b.resize(378); },
          "a file of 378 bytes is too short for a log-file header", 0},
+        {setU16(kBuffer + 0x30, 436),  // the buffer's data end, 4 bytes past its last record
+         "a record header is cut off by the end of its buffer's data at offset 944", 2},
         {setU16(kFirstEvent + 2, 0x0013),
          "unknown record marker 0x001300B0 at offset " + std::to_string(kFirstEvent), 0},
     };
