@@ -7,6 +7,8 @@
 #include <string>
 #include <unordered_set>
 
+#include "trace/PerThread.h"
+
 namespace logonmon {
 
 namespace {
@@ -40,7 +42,7 @@ struct NameHash {
 
 std::wstring_view InternedName(std::wstring_view name) {
     // The names this thread already asked for, found without the lock.
-    thread_local std::unordered_set<std::wstring_view, NameHash, std::equal_to<>> known;
+    auto& known = PerThread<std::unordered_set<std::wstring_view, NameHash, std::equal_to<>>>();
     if (const auto found = known.find(name); found != known.end()) {
         return *found;
     }

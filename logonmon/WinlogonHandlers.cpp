@@ -8,6 +8,7 @@
 #include "logonmon/LogonProcessor.h"
 #include "logonmon/ProcessorTexts.h"
 #include "logonmon/TimingPoints.h"
+#include "trace/PerThread.h"
 
 namespace logonmon {
 
@@ -32,7 +33,7 @@ std::wstring_view BuildTimingPointName(const EventRecordData& record,
                                          ? std::wstring_view(L"Stop")
                                          : std::wstring_view(record.opcodeName);
     // Built in a buffer that keeps its size: no allocation once a name was seen.
-    thread_local std::wstring name;
+    std::wstring& name = PerThread<std::wstring>();
     name.assign(L"WL_").append(record.taskName).append(L"_");
     if (!subscriber.empty()) {
         name.append(subscriber).append(L"_");
@@ -129,9 +130,9 @@ void LogonProcessor::RouteWinlogon(EventRecordData& record) {
 void LogonProcessor::RecordWinlogonTimingPoint(EventRecordData& record,
                                                const std::wstring& notification,
                                                const std::wstring& subscriber) {
-    thread_local RecentTimingPointNames names;
     record.sessionContext->timingPoints.insert_or_assign(
-        names.For(record, notification, subscriber), record.timestamp);
+        PerThread<RecentTimingPointNames>().For(record, notification, subscriber),
+        record.timestamp);
 }
 
 void LogonProcessor::Winlogon_CreateSession(EventRecordData& record) {

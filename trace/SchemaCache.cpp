@@ -5,6 +5,7 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "trace/PerThread.h"
 #include "trace/Providers.h"
 
 namespace logonmon {
@@ -73,7 +74,7 @@ std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& recor
         SchemaKey key{};
         std::shared_ptr<const DecodedSchema> schema;
     };
-    thread_local std::array<RecentSchema, 32> recent;
+    auto& recent = PerThread<std::array<RecentSchema, 32>>();
     RecentSchema& slot = recent[SchemaKeyHash()(key) % recent.size()];
     if (slot.schema && slot.key == key) {
         return slot.schema;

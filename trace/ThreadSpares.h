@@ -1,14 +1,17 @@
 // Storage that objects gone from a thread leave to the next ones made on it,
 // capacity and all, so that a steady stream of events reuses the same
-// buffers instead of allocating. Safe to use while the thread's own objects
-// are destroyed at its exit.
+// buffers instead of allocating.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <utility>
+#include <vector>
+
+#include "trace/PerThread.h"
 
 namespace logonmon {
 
@@ -16,36 +19,36 @@ namespace logonmon {
 template <typename Buffer, size_t kKept = 16, size_t kLargest = SIZE_MAX>
 class ThreadSpares {
   public:
-    // Never throws: it is called from destructors.
+    // Never throws: it is called from destructors. A buffer that cannot be
+    // kept is freed by its owner.
     static void Keep(Buffer&& buffer) noexcept {
-        Spares* spares = OfThisThread();
-        if (spares != nullptr && buffer.capacity() != 0 && buffer.capacity() <= kLargest &&
-            spares->count < kKept) {
-            spares->kept[spares->count++] = std::move(buffer);
+        if (buffer.capacity() == 0 || buffer.capacity() > kLargest) {
+            return;
+        }
+        try {
+            std::vector<Buffer>& kept = PerThread<Spares>().kept;
+            if (kept.size() < kKept) {
+                kept.push_back(std::move(buffer));
+            }
+        } catch (const std::bad_alloc&) {
         }
     }
 
     // A kept buffer, or an empty one; its content is left over.
-    static Buffer Take() noexcept {
-        Spares* spares = OfThisThread();
-        if (spares == nullptr || spares->count == 0) {
+    static Buffer Take() {
+        std::vector<Buffer>& kept = PerThread<Spares>().kept;
+        if (kept.empty()) {
             return Buffer();
         }
-        return std::move(spares->kept[--spares->count]);
+        Buffer buffer = std::move(kept.back());
+        kept.pop_back();
+        return buffer;
     }
 
   private:
     struct Spares {
-        ~Spares() { gone = true; }
-        std::array<Buffer, kKept> kept{};
-        size_t count = 0;
-        static inline thread_local bool gone = false;
+        std::vector<Buffer> kept;
     };
-
-    static Spares* OfThisThread() noexcept {
-        thread_local Spares spares;
-        return Spares::gone ? nullptr : &spares;
-    }
 };
 
 // Allocates single objects, keeping a few freed blocks per thread for the
@@ -62,18 +65,25 @@ class RecyclingAllocator {
     explicit RecyclingAllocator(const RecyclingAllocator<U>&) noexcept {}
 
     T* allocate(size_t count) {
-        Blocks* blocks = count == 1 ? OfThisThread() : nullptr;
-        if (blocks != nullptr && blocks->count > 0) {
-            return static_cast<T*>(blocks->kept[--blocks->count]);
+        if (count == 1) {
+            Blocks& blocks = PerThread<Blocks>();
+            if (blocks.count > 0) {
+                return static_cast<T*>(blocks.kept[--blocks.count]);
+            }
         }
         return std::allocator<T>().allocate(count);
     }
 
     void deallocate(T* block, size_t count) noexcept {
-        Blocks* blocks = count == 1 ? OfThisThread() : nullptr;
-        if (blocks != nullptr && blocks->count < blocks->kept.size()) {
-            blocks->kept[blocks->count++] = block;
-            return;
+        if (count == 1) {
+            try {
+                Blocks& blocks = PerThread<Blocks>();
+                if (blocks.count < blocks.kept.size()) {
+                    blocks.kept[blocks.count++] = block;
+                    return;
+                }
+            } catch (const std::bad_alloc&) {
+            }
         }
         std::allocator<T>().deallocate(block, count);
     }
@@ -82,21 +92,9 @@ class RecyclingAllocator {
 
   private:
     struct Blocks {
-        ~Blocks() {
-            gone = true;
-            for (size_t i = 0; i < count; ++i) {
-                std::allocator<T>().deallocate(static_cast<T*>(kept[i]), 1);
-            }
-        }
         std::array<void*, 16> kept{};
         size_t count = 0;
-        static inline thread_local bool gone = false;
     };
-
-    static Blocks* OfThisThread() {
-        thread_local Blocks blocks;
-        return Blocks::gone ? nullptr : &blocks;
-    }
 };
 
 }  // namespace logonmon
