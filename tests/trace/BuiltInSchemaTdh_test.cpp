@@ -114,9 +114,15 @@ TEST(BuiltInSchemaTdhTest, NamesAsTdhReportsThemAndUnknownEventsGoToTheFallback)
 TEST(TdhWithBuiltInSchemasTest, BuiltInSchemasFillWhatTheSystemLacks) {
     FakeTdh system;  // knows only the events built with a schema
     logonmon::BuiltInSchemaTdh builtIn(logonmon::UnsupportedTdh());
-    int notices = 0;
-    logonmon::TdhWithBuiltInSchemas tdh(system, builtIn, [&](const EVENT_RECORD&) { ++notices; });
+    std::vector<uint16_t> noticed;
+    logonmon::TdhWithBuiltInSchemas tdh(system, builtIn, [&](const EVENT_RECORD& event) {
+        noticed.push_back(event.EventHeader.EventDescriptor.Id);
+    });
     const logonmon::ScopedTdhBinding binding(tdh);
+    // An event that neither knows is no reason for the notice.
+    EventBuilder unknown;
+    const logonmon::EventRecordData none(
+        unknown.Provider(providers::kWinlogon).EventId(9999).Record());
 
     const struct {
         uint16_t id;
@@ -140,7 +146,7 @@ TEST(TdhWithBuiltInSchemasTest, BuiltInSchemasFillWhatTheSystemLacks) {
         ASSERT_NE(found, data.properties.end()) << c.id;
         EXPECT_EQ(c.expected, found->second) << c.id;
     }
-    EXPECT_EQ(1, notices);
+    EXPECT_EQ(noticed, std::vector<uint16_t>{801});
 }
 
 }  // namespace
