@@ -85,7 +85,15 @@ TEST(BuiltInSchemaTdhTest, NamesAsTdhReportsThemAndUnknownEventsGoToTheFallback)
     logonmon::TdhApi& outside = logonmon::CurrentTdh();
     { const BuiltInDecoder inner; }
     EXPECT_EQ(&outside, &logonmon::CurrentTdh());  // an ended binding restores the one before
-    const BuiltInDecoder decoder;
+    BuiltInDecoder decoder;
+    // A buffer too small for the schema is refused, and the size needed told.
+    EventBuilder winlogon;
+    const EVENT_RECORD& record = winlogon.Provider(providers::kWinlogon).EventId(801).Record();
+    TRACE_EVENT_INFO small{};
+    uint32_t size = sizeof small;
+    EXPECT_EQ(decoder.tdh.GetEventInformation(record, &small, &size),
+              logonmon::etw::kErrorInsufficientBuffer);
+    EXPECT_GT(size, sizeof small);
     const struct {
         GUID provider;
         uint16_t id;

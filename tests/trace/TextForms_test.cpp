@@ -56,7 +56,8 @@ TEST(SidTest, TextAndBinaryFormsRoundTripAndMalformedInputIsRefused) {
     EXPECT_EQ((std::vector<uint8_t>{1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 0x20, 2, 0, 0}), bytes);
     bytes.push_back(0xAA);  // bytes after the declared length are not the SID's
     EXPECT_EQ(L"S-1-5-32-544", Sid::FromBytes(bytes.data(), bytes.size())->ToString());
-    for (const wchar_t* text : {L"S-1", L"S-2-5-18", L"S-1-5--1", L"S-1-5-4294967296"}) {
+    for (const wchar_t* text :
+         {L"S-1", L"X-1-5-18", L"S-2-5-18", L"S-1-5--1", L"S-1-5-4294967296"}) {
         EXPECT_FALSE(Sid::FromString(text).has_value());
     }
     std::vector<uint8_t> tooManyParts(8 + 16 * 4, 0);
