@@ -113,6 +113,14 @@ TEST(EventRecordDataTest, SchemaNamesAndProperties) {
             data.PropertyName(1) + L"|" + data.PropertyName(2) + L"|" + data.PropertyName(3) +
             L"|" + Keys(data));
 
+    // A schema cached under one binding is not served under the next.
+    {
+        ScopedFakeTdh next;
+        EventBuilder again;
+        again.ProviderName(L"Microsoft-Windows-Winlogon").TaskName(L"Renamed");
+        EXPECT_EQ(L"Renamed", EventRecordData(again.Record()).taskName);
+    }
+
     // Keys ignore ASCII case only: '_' (0x5F) sorts before letters, a prefix first.
     EventBuilder mixed;
     for (const wchar_t* name :
