@@ -114,11 +114,16 @@ TEST(EventRecordDataTest, SchemaNamesAndProperties) {
             L"|" + Keys(data));
 
     // A schema cached under one binding is not served under the next.
+    EventBuilder cached;
+    EXPECT_EQ(
+        L"First",
+        EventRecordData(cached.EventId(42).DecodingSource(0).TaskName(L"First").Record()).taskName);
     {
         ScopedFakeTdh next;
         EventBuilder again;
-        again.ProviderName(L"Microsoft-Windows-Winlogon").TaskName(L"Renamed");
-        EXPECT_EQ(L"Renamed", EventRecordData(again.Record()).taskName);
+        EXPECT_EQ(L"Renamed",
+                  EventRecordData(again.EventId(42).DecodingSource(0).TaskName(L"Renamed").Record())
+                      .taskName);
     }
 
     // Keys ignore ASCII case only: '_' (0x5F) sorts before letters, a prefix first.
