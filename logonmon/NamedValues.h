@@ -1,6 +1,7 @@
-// Values by name, kept sorted by name in one array; a later value for a name
-// overwrites the earlier. Names are literals or interned, so that a session
-// stores no text of its own.
+// Values by name in one array, in the order they were first set; a later
+// value for a name overwrites the earlier. Names are literals or interned, so
+// that a session stores no text of its own. A session sets many values and
+// lists them once: SortedByName() gives them in name order.
 #pragma once
 
 #include <algorithm>
@@ -40,10 +41,6 @@ class NamedValues {
     size_t size() const { return values_.size(); }
     bool empty() const { return values_.empty(); }
 
-    // The first value whose name does not sort before `name`.
-    const_iterator lower_bound(std::wstring_view name) const {
-        return std::lower_bound(values_.begin(), values_.end(), name, NameBefore);
-    }
     // A walk comparing lengths first: a session has a few dozen values, and
     // their names share long prefixes that make ordered comparisons slow. An
     // interned name is found by its address.
@@ -71,23 +68,36 @@ class NamedValues {
 
     Value& operator[](std::wstring_view name) { return try_emplace(name, Value{}).first->second; }
     std::pair<iterator, bool> try_emplace(std::wstring_view name, const Value& value) {
-        const auto at = begin() + (lower_bound(name) - values_.cbegin());
-        if (at != end() && at->first == name) {
-            return {at, false};
+        if (const auto found = find(name); found != end()) {
+            return {found, false};
         }
         lengths_ |= LengthBit(name);
-        return {values_.insert(at, value_type{name, value}), true};
+        values_.push_back(value_type{name, value});
+        return {values_.end() - 1, true};
     }
     void insert_or_assign(std::wstring_view name, const Value& value) {
         try_emplace(name, value).first->second = value;
     }
 
-    friend bool operator==(const NamedValues&, const NamedValues&) = default;
+    std::vector<value_type> SortedByName() const {
+        std::vector<value_type> sorted = values_;
+        std::sort(sorted.begin(), sorted.end(),
+                  [](const value_type& left, const value_type& right) {
+                      return left.first < right.first;
+                  });
+        return sorted;
+    }
+
+    // The same names with the same values, in any order.
+    friend bool operator==(const NamedValues& left, const NamedValues& right) {
+        return left.size() == right.size() &&
+               std::all_of(left.begin(), left.end(), [&right](const value_type& entry) {
+                   const auto found = right.find(entry.first);
+                   return found != right.end() && found->second == entry.second;
+               });
+    }
 
   private:
-    static bool NameBefore(const value_type& entry, std::wstring_view name) {
-        return entry.first < name;
-    }
     static uint64_t LengthBit(std::wstring_view name) { return uint64_t{1} << (name.size() % 64); }
 
     std::vector<value_type> values_;

@@ -68,7 +68,7 @@ void LogonProcessor::LogSummary(SESSION_CONTEXT& session) {
     logFixedDurations(0, kProfileRows);
     logFixedDurations(kProfileRows, std::size(kFixedDurations));
 
-    for (const auto& [name, value] : session.namedDurations) {
+    for (const auto& [name, value] : session.namedDurations.SortedByName()) {
         if (const float* seconds = std::get_if<float>(&value)) {
             LogFormatted(kLevelInfo, kFunction, "%ws: %.2f seconds", std::wstring(name).c_str(),
                          static_cast<double>(*seconds));
@@ -89,7 +89,7 @@ void LogonProcessor::LogSummary(SESSION_CONTEXT& session) {
     LogFormatted(kLevelInfo, kFunction, "   Changed Policies: %d", session.changedPolicies);
     LogFormatted(kLevelInfo, kFunction, "   Group Policy CSE Total Time: %dms",
                  static_cast<int32_t>(cseTotalMs));
-    for (const auto& [extension, milliseconds] : session.cseDurations) {
+    for (const auto& [extension, milliseconds] : session.cseDurations.SortedByName()) {
         LogFormatted(kLevelInfo, kFunction, "     CSE: '%ws' Duration: %dms",
                      std::wstring(extension).c_str(), static_cast<int32_t>(milliseconds));
     }

@@ -100,14 +100,16 @@ std::optional<SubscriberPoint> ParseSubscriberPoint(std::wstring_view name) {
 // Notification name to its subscribers' complete phases, in start order.
 std::map<std::wstring, std::vector<SubscriberPhase>> SubscriberPhases(const TimingPoints& points) {
     std::map<std::wstring, std::map<std::wstring, TimelinePhase>> byNotification;
-    for (auto it = points.lower_bound(std::wstring(kSubscriberPrefix));
-         it != points.end() && it->first.starts_with(kSubscriberPrefix); ++it) {
-        const std::optional<SubscriberPoint> point = ParseSubscriberPoint(it->first);
+    for (const auto& [name, value] : points) {
+        if (!name.starts_with(kSubscriberPrefix)) {
+            continue;
+        }
+        const std::optional<SubscriberPoint> point = ParseSubscriberPoint(name);
         if (!point) {
             continue;
         }
         TimelinePhase& phase = byNotification[point->notification][point->subscriber];
-        (point->start ? phase.start : phase.stop) = it->second;
+        (point->start ? phase.start : phase.stop) = value;
     }
 
     std::map<std::wstring, std::vector<SubscriberPhase>> phases;

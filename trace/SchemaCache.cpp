@@ -67,17 +67,29 @@ std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& recor
         return Fetch(record, tdh);
     }
     const SchemaKey key = KeyOf(record);
-    // The schemas this thread used last, by a few bits of their key: most
-    // events find theirs here without taking the lock. One of a binding gone
-    // is never served, as the key holds the generation.
+    // The schemas this thread has used, in a small open-addressed table:
+    // most events find theirs here without taking the lock. One of a binding
+    // gone is never served, as the key holds the generation.
     struct RecentSchema {
         SchemaKey key{};
         std::shared_ptr<const DecodedSchema> schema;
     };
-    auto& recent = PerThread<std::array<RecentSchema, 32>>();
-    RecentSchema& slot = recent[SchemaKeyHash()(key) % recent.size()];
-    if (slot.schema && slot.key == key) {
-        return slot.schema;
+    constexpr size_t kSlots = 128;
+    constexpr size_t kProbes = 4;
+    auto& recent = PerThread<std::array<RecentSchema, kSlots>>();
+    const size_t home = SchemaKeyHash()(key) >> 57;  // the hash's top bits, one of 128
+    RecentSchema* slot = nullptr;
+    for (size_t probe = 0; probe < kProbes; ++probe) {
+        RecentSchema& candidate = recent[(home + probe) % kSlots];
+        if (candidate.schema && candidate.key == key) {
+            return candidate.schema;
+        }
+        if (slot == nullptr && (!candidate.schema || candidate.key[0] != key[0])) {
+            slot = &candidate;
+        }
+    }
+    if (slot == nullptr) {
+        slot = &recent[home];
     }
 
     static std::mutex mutex;
@@ -91,7 +103,7 @@ std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& recor
             generation = key[0];
         }
         if (const auto found = schemas.find(key); found != schemas.end()) {
-            slot = {key, found->second};
+            *slot = {key, found->second};
             return found->second;
         }
     }
@@ -99,7 +111,7 @@ std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& recor
     // Events without a schema are asked again: a manifest may be installed
     // meanwhile.
     if (schema && schema->decodingSource != kDecodingSourceTraceLogging) {
-        slot = {key, schema};
+        *slot = {key, schema};
         std::lock_guard<std::mutex> lock(mutex);
         schemas.emplace(key, schema);
     }
