@@ -104,8 +104,13 @@ uint32_t TopLevelPropertiesInBuffer(const EventSchemaBuffer& schema) {
 
 void Trim(std::wstring& text) {
     const auto isWhiteSpace = [](wchar_t c) {
-        return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n' || c == L'\v' || c == L'\f';
+        return c == L' ' ||
+               (c >= L'\t' && c <= L'\r');  // tab, new line, vertical tab, form feed, return
     };
+    // Most values neither start nor end with white space.
+    if (text.empty() || (text.front() > L' ' && text.back() > L' ')) {
+        return;
+    }
     size_t end = text.size();
     while (end > 0 && isWhiteSpace(text[end - 1])) {
         --end;

@@ -31,7 +31,8 @@ bool SystemTimeToFileTimeValue(const SYSTEMTIME& time, uint64_t* fileTime);
 
 // UTF-16 text, up to its first null or `maxUnits`, as a wide string.
 std::wstring WideFromUtf16(const char16_t* text, size_t maxUnits = SIZE_MAX);
-// The same into `wide`, reusing its storage.
+// The same into `wide`, reusing its storage; `maxUnits` units of `text` must
+// be readable.
 void AssignWideFromUtf16(std::wstring& wide, const char16_t* text, size_t maxUnits);
 #ifdef _WIN32
 std::wstring WideFromUtf16(const WCHAR* text, size_t maxUnits = SIZE_MAX);
