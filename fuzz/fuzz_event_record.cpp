@@ -101,7 +101,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     record.UserData = (options & 0x20) != 0 ? nullptr : record.UserData;
     try {
         logonmon::EventRecordData event(record);
-        std::wstring text = event.MessageText() + event.LogPrefix() + event.LevelName();
+        std::wstring text = event.MessageText();
+        const std::string line = event.LogPrefix() + event.LevelName();
+        text.append(line.begin(), line.end());
         for (size_t i = 0; i <= event.propertyNames.size(); ++i) {
             text += event.PropertyName(i) + (event.userSid ? event.userSid->ToString() : L"");
         }

@@ -76,7 +76,7 @@ int FormatEventPrefix(char* buffer, const logonmon::EventRecordData& record,
     // The event's own time, so that a replayed trace shows the trace's times.
     thread_local EventSecondText second;
     const wchar_t* source = record.providerName.empty() ? function : record.providerName.c_str();
-    return FormatInto(buffer, kLogLineBufferSize, "%s%03d %ws (%ws) [%04d] [%ws] ",
+    return FormatInto(buffer, kLogLineBufferSize, "%s%03d %s (%s) [%04d] [%ws] ",
                       second.For(record.timestamp),
                       static_cast<int>(record.timestamp / kFileTimeUnitsPerMillisecond % 1000),
                       record.LevelName().c_str(), record.LogPrefix().c_str(),

@@ -274,31 +274,48 @@ std::wstring EventRecordData::PropertyName(size_t index) const {
     return index < propertyNames.size() ? TextAt(propertyNames[index]) : std::wstring();
 }
 
-std::wstring EventRecordData::LevelName() const {
+std::string EventRecordData::LevelName() const {
     switch (level) {
         case 0:
-            return L"NONE";
+            return "NONE";
         case 1:
-            return L"CRITICAL";
+            return "CRITICAL";
         case 2:
-            return L"ERROR";
+            return "ERROR";
         case 3:
-            return L"WARN";
+            return "WARN";
         case 4:
-            return L"INFO";
+            return "INFO";
         case 5:
-            return L"VERBOSE";
+            return "VERBOSE";
         default:
-            return std::to_wstring(level);
+            return std::to_string(level);
     }
 }
 
-std::wstring EventRecordData::LogPrefix() const {
+std::string EventRecordData::LogPrefix() const {
+    // Written by hand: this is on every line of a session log.
+    const auto appendHex = [](std::string& text, uint32_t value) {
+        static constexpr char kDigits[] = "0123456789abcdef";
+        char digits[8];
+        size_t count = 0;
+        do {
+            digits[count++] = kDigits[value & 0xF];
+            value >>= 4;
+        } while (value != 0);
+        text.append(count < 4 ? 4 - count : 0, '0');
+        while (count > 0) {
+            text.push_back(digits[--count]);
+        }
+    };
     const uint32_t session = sessionIdOverride != nullptr ? *sessionIdOverride : sessionId;
-    char text[48];
-    std::snprintf(text, sizeof text, "%04x-%04x-%d", processId, threadId,
-                  static_cast<int>(session));
-    return std::wstring(text, text + std::strlen(text));
+    std::string text;
+    appendHex(text, processId);
+    text.push_back('-');
+    appendHex(text, threadId);
+    text.push_back('-');
+    text += std::to_string(static_cast<int>(session));
+    return text;
 }
 
 std::wstring EventRecordData::MessageText() {

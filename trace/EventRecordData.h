@@ -96,9 +96,9 @@ class EventRecordData {
     EventRecordData& operator=(const EventRecordData&) = delete;
 
     // "NONE", "CRITICAL", ... or the level as a decimal number.
-    std::wstring LevelName() const;
+    std::string LevelName() const;
     // "%04x-%04x-%d": process id, thread id, session id (or its override).
-    std::wstring LogPrefix() const;
+    std::string LogPrefix() const;
     // The message template with its inserts, or text built from the names.
     std::wstring MessageText();
 

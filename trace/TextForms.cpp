@@ -109,11 +109,33 @@ std::wstring TimestampText(uint64_t fileTime, bool local) {
     if (local) {
         time = UtcToLocalSystemTime(time);
     }
-    char text[64];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d:%03d%s", time.wYear,
-                  time.wMonth, time.wDay, time.wHour, time.wMinute, time.wSecond,
-                  time.wMilliseconds, local ? "" : "Z");
-    return WideFromAscii(text);
+    // "%04d-%02d-%02dT%02d:%02d:%02d:%03d", written by hand: decoding a trace
+    // writes one for every time property.
+    std::wstring text;
+    text.reserve(24);
+    const auto append = [&text](uint32_t value, size_t width, wchar_t separator) {
+        wchar_t digits[10];
+        size_t count = 0;
+        do {
+            digits[count++] = static_cast<wchar_t>(L'0' + value % 10);
+            value /= 10;
+        } while (value != 0);
+        text.append(count < width ? width - count : 0, L'0');
+        while (count > 0) {
+            text.push_back(digits[--count]);
+        }
+        if (separator != 0) {
+            text.push_back(separator);
+        }
+    };
+    append(time.wYear, 4, L'-');
+    append(time.wMonth, 2, L'-');
+    append(time.wDay, 2, L'T');
+    append(time.wHour, 2, L':');
+    append(time.wMinute, 2, L':');
+    append(time.wSecond, 2, L':');
+    append(time.wMilliseconds, 3, local ? 0 : L'Z');
+    return text;
 }
 
 std::wstring GuidText(const GUID& guid, bool braces) {

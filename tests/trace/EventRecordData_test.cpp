@@ -34,25 +34,26 @@ TEST(EventRecordDataTest, HeaderUserDataLevelAndLogPrefix) {
     EventRecordData data(record);
     EXPECT_EQ(
         L"{DBE9B383-7CF3-4331-91CC-A3CB16A3B538} {11111111-2222-3333-4444-555555555555} "
-        L"5001 1234 2 ERROR 1a2b3-0007-2",
+        L"5001 1234 2",
         GuidText(data.providerId) + L" " + GuidText(data.activityId) + L" " +
             std::to_wstring(data.eventId) + L" " + std::to_wstring(data.timestamp) + L" " +
-            std::to_wstring(data.opcode) + L" " + data.LevelName() + L" " + data.LogPrefix());
+            std::to_wstring(data.opcode));
+    EXPECT_EQ("ERROR 1a2b3-0007-2", data.LevelName() + " " + data.LogPrefix());
     EXPECT_EQ((std::vector<uint8_t>{1, 2, 3}), data.userData);
     const uint32_t override = 9;
     data.sessionIdOverride = &override;
-    EXPECT_EQ(L"1a2b3-0007-9", data.LogPrefix());
+    EXPECT_EQ("1a2b3-0007-9", data.LogPrefix());
     record.UserData = nullptr;  // a length without a buffer is no data
     EXPECT_EQ(0u, EventRecordData(record).userDataLength);
 
-    std::wstring names;
+    std::string names;
     for (const uint8_t level : {0, 1, 3, 4, 5, 6}) {
         EventBuilder other;
-        names += EventRecordData(other.Level(level).ProcessId(0x10).Record()).LevelName() + L" ";
+        names += EventRecordData(other.Level(level).ProcessId(0x10).Record()).LevelName() + " ";
     }
-    EXPECT_EQ(L"NONE CRITICAL WARN INFO VERBOSE 6 ", names);
+    EXPECT_EQ("NONE CRITICAL WARN INFO VERBOSE 6 ", names);
     EventBuilder withoutSession;
-    EXPECT_EQ(L"0010-0020--1",
+    EXPECT_EQ("0010-0020--1",
               EventRecordData(withoutSession.ProcessId(0x10).ThreadId(0x20).Record()).LogPrefix());
 }
 
