@@ -1,6 +1,7 @@
 #include "trace/BuiltInSchemaTdh.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -64,6 +65,14 @@ std::vector<uint8_t> SerializeSchema(const BuiltInEventSchema& schema) {
 // Bytes up to and including the first null element of `unit` bytes; all of
 // them when none is there.
 size_t TerminatedSize(const uint8_t* data, size_t available, size_t unit) {
+    if (unit == sizeof(char16_t)) {
+        for (size_t at = 0; at + 2 <= available; at += 2) {
+            if ((data[at] | data[at + 1]) == 0) {
+                return at + 2;
+            }
+        }
+        return available;
+    }
     for (size_t at = 0; at + unit <= available; at += unit) {
         if (std::all_of(data + at, data + at + unit, [](uint8_t b) { return b == 0; })) {
             return at + unit;
@@ -147,6 +156,8 @@ int Compare(const Key& left, const Key& right) {
 }  // namespace
 
 BuiltInSchemaTdh::BuiltInSchemaTdh(TdhApi& fallback) : fallback_(fallback) {
+    static std::atomic<uint64_t> instances{0};
+    serial_ = ++instances;
     for (const BuiltInEventSchema& schema : BuiltInEventSchemas()) {
         Entry entry{MakeKey<Key>(schema.provider, schema.eventId, schema.version),
                     &schema,
@@ -166,10 +177,24 @@ const BuiltInSchemaTdh::Entry* BuiltInSchemaTdh::Find(const EVENT_RECORD& event)
     const EVENT_DESCRIPTOR& descriptor = event.EventHeader.EventDescriptor;
     const Key wanted =
         MakeKey<Key>(event.EventHeader.ProviderId, descriptor.Id, descriptor.Version);
+    // Each property of an event asks again: the answer to the question before
+    // is kept per thread, under this instance's serial number.
+    struct LastFound {
+        uint64_t serial = 0;
+        Key key{};
+        const Entry* entry = nullptr;
+    };
+    thread_local LastFound last;
+    if (last.serial == serial_ && Compare(last.key, wanted) == 0) {
+        return last.entry;
+    }
     const auto found = std::lower_bound(
         entries_.begin(), entries_.end(), wanted,
         [](const Entry& entry, const Key& key) { return Compare(entry.key, key) < 0; });
-    return found != entries_.end() && Compare(found->key, wanted) == 0 ? &*found : nullptr;
+    const Entry* entry =
+        found != entries_.end() && Compare(found->key, wanted) == 0 ? &*found : nullptr;
+    last = {serial_, wanted, entry};
+    return entry;
 }
 
 bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,

@@ -53,6 +53,8 @@ class BuiltInSchemaTdh final : public TdhApi {
                        const PROPERTY_DATA_DESCRIPTOR& descriptor, Span* span);
 
     TdhApi& fallback_;
+    // Tells instances apart, also one made where another was.
+    uint64_t serial_ = 0;
     std::vector<Entry> entries_;  // by key
 };
 

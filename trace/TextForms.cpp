@@ -111,21 +111,23 @@ std::wstring TimestampText(uint64_t fileTime, bool local) {
     }
     // "%04d-%02d-%02dT%02d:%02d:%02d:%03d", written by hand: decoding a trace
     // writes one for every time property.
-    std::wstring text;
-    text.reserve(24);
-    const auto append = [&text](uint32_t value, size_t width, wchar_t separator) {
+    wchar_t text[40];
+    wchar_t* out = text;
+    const auto append = [&out](uint32_t value, int width, wchar_t separator) {
         wchar_t digits[10];
-        size_t count = 0;
+        int count = 0;
         do {
             digits[count++] = static_cast<wchar_t>(L'0' + value % 10);
             value /= 10;
         } while (value != 0);
-        text.append(count < width ? width - count : 0, L'0');
+        for (; width > count; --width) {
+            *out++ = L'0';
+        }
         while (count > 0) {
-            text.push_back(digits[--count]);
+            *out++ = digits[--count];
         }
         if (separator != 0) {
-            text.push_back(separator);
+            *out++ = separator;
         }
     };
     append(time.wYear, 4, L'-');
@@ -135,7 +137,7 @@ std::wstring TimestampText(uint64_t fileTime, bool local) {
     append(time.wMinute, 2, L':');
     append(time.wSecond, 2, L':');
     append(time.wMilliseconds, 3, local ? 0 : L'Z');
-    return text;
+    return std::wstring(text, out);
 }
 
 std::wstring GuidText(const GUID& guid, bool braces) {

@@ -1,4 +1,5 @@
 #include <ctime>
+#include <optional>
 
 #include "trace/TextForms.h"
 
@@ -7,6 +8,95 @@ namespace logonmon {
 namespace {
 
 constexpr int64_t kSecondsFrom1601To1970 = 11'644'473'600;
+constexpr int64_t kSecondsPerHour = 3600;
+constexpr uint64_t kUnitsPerSecond = 10'000'000;
+
+int64_t HourOf(int64_t seconds) {
+    return (seconds >= 0 ? seconds : seconds - (kSecondsPerHour - 1)) / kSecondsPerHour;
+}
+
+// FILETIME units of seconds since 1970.
+uint64_t UnitsOf(int64_t seconds) {
+    return static_cast<uint64_t>(seconds + kSecondsFrom1601To1970) * kUnitsPerSecond;
+}
+
+SYSTEMTIME FromFields(const std::tm& fields, uint16_t milliseconds) {
+    SYSTEMTIME time{};
+    time.wYear = static_cast<uint16_t>(fields.tm_year + 1900);
+    time.wMonth = static_cast<uint16_t>(fields.tm_mon + 1);
+    time.wDayOfWeek = static_cast<uint16_t>(fields.tm_wday);
+    time.wDay = static_cast<uint16_t>(fields.tm_mday);
+    time.wHour = static_cast<uint16_t>(fields.tm_hour);
+    time.wMinute = static_cast<uint16_t>(fields.tm_min);
+    time.wSecond = static_cast<uint16_t>(fields.tm_sec);
+    time.wMilliseconds = milliseconds;
+    return time;
+}
+
+// Whether the local time of every second of `hour` (since 1970, UTC) is the
+// UTC time moved by `offset`: no change of offset within it, and none of the
+// leap seconds some zone files count.
+bool OffsetHoldsForHour(int64_t hour, int64_t offset) {
+    for (const int64_t second :
+         {hour * kSecondsPerHour, hour * kSecondsPerHour + kSecondsPerHour - 1}) {
+        if (second + offset < -kSecondsFrom1601To1970) {
+            return false;  // before the first FILETIME
+        }
+        std::tm local{};
+        const auto asTimeT = static_cast<time_t>(second);
+        if (localtime_r(&asTimeT, &local) == nullptr || local.tm_gmtoff != offset) {
+            return false;
+        }
+        const SYSTEMTIME moved = FileTimeToUtcSystemTime(UnitsOf(second + offset));
+        const SYSTEMTIME fields = FromFields(local, 0);
+        if (moved.wYear != fields.wYear || moved.wMonth != fields.wMonth ||
+            moved.wDay != fields.wDay || moved.wHour != fields.wHour ||
+            moved.wMinute != fields.wMinute || moved.wSecond != fields.wSecond) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// What the last tzset() found: an offset kept under another zone is not used.
+struct Zone {
+    long seconds = 0;
+    int daylight = 0;
+    const char* names[2] = {};
+    bool operator==(const Zone&) const = default;
+};
+
+Zone CurrentZone() {
+    return {timezone, daylight, {tzname[0], tzname[1]}};
+}
+
+// The zone's offset over one hour, kept from the hour asked for last: a
+// trace's times crowd into a few hours, and the C library's conversion is
+// what costs.
+struct HourOffset {
+    Zone zone;
+    int64_t hour = INT64_MIN;
+    int64_t offset = 0;
+
+    bool Holds(int64_t wanted) const { return hour == wanted && zone == CurrentZone(); }
+};
+
+// mktime of a local time, the zone's rules deciding daylight saving time.
+std::optional<int64_t> MakeTime(const SYSTEMTIME& local) {
+    std::tm fields{};
+    fields.tm_year = local.wYear - 1900;
+    fields.tm_mon = local.wMonth - 1;
+    fields.tm_mday = local.wDay;
+    fields.tm_hour = local.wHour;
+    fields.tm_min = local.wMinute;
+    fields.tm_sec = local.wSecond;
+    fields.tm_isdst = -1;
+    const time_t seconds = std::mktime(&fields);
+    if (seconds == -1) {
+        return std::nullopt;
+    }
+    return static_cast<int64_t>(seconds);
+}
 
 }  // namespace
 
@@ -15,44 +105,60 @@ SYSTEMTIME UtcToLocalSystemTime(const SYSTEMTIME& utc) {
     if (!SystemTimeToFileTimeValue(utc, &fileTime)) {
         return utc;
     }
-    const time_t seconds =
-        static_cast<time_t>(static_cast<int64_t>(fileTime / 10'000'000) - kSecondsFrom1601To1970);
-    std::tm local{};
-    if (localtime_r(&seconds, &local) == nullptr) {
-        return utc;
+    const int64_t seconds =
+        static_cast<int64_t>(fileTime / kUnitsPerSecond) - kSecondsFrom1601To1970;
+    thread_local HourOffset last;
+    const int64_t hour = HourOf(seconds);
+    if (!last.Holds(hour)) {
+        std::tm local{};
+        const auto asTimeT = static_cast<time_t>(seconds);
+        if (localtime_r(&asTimeT, &local) == nullptr) {
+            return utc;
+        }
+        const int64_t offset = local.tm_gmtoff;
+        if (!OffsetHoldsForHour(hour, offset)) {
+            return FromFields(local, utc.wMilliseconds);
+        }
+        last = {CurrentZone(), hour, offset};
     }
-    SYSTEMTIME time{};
-    time.wYear = static_cast<uint16_t>(local.tm_year + 1900);
-    time.wMonth = static_cast<uint16_t>(local.tm_mon + 1);
-    time.wDayOfWeek = static_cast<uint16_t>(local.tm_wday);
-    time.wDay = static_cast<uint16_t>(local.tm_mday);
-    time.wHour = static_cast<uint16_t>(local.tm_hour);
-    time.wMinute = static_cast<uint16_t>(local.tm_min);
-    time.wSecond = static_cast<uint16_t>(local.tm_sec);
+    SYSTEMTIME time = FileTimeToUtcSystemTime(UnitsOf(seconds + last.offset));
     time.wMilliseconds = utc.wMilliseconds;
     return time;
 }
 
 bool LocalSystemTimeToFileTime(const SYSTEMTIME& local, uint64_t* fileTime) {
-    uint64_t unused = 0;
-    if (!SystemTimeToFileTimeValue(local, &unused)) {
+    // The local time read as if it were UTC: its fields checked, and its
+    // distance from the epoch in local seconds.
+    uint64_t asIfUtc = 0;
+    if (!SystemTimeToFileTimeValue(local, &asIfUtc)) {
         return false;
     }
-    std::tm fields{};
-    fields.tm_year = local.wYear - 1900;
-    fields.tm_mon = local.wMonth - 1;
-    fields.tm_mday = local.wDay;
-    fields.tm_hour = local.wHour;
-    fields.tm_min = local.wMinute;
-    fields.tm_sec = local.wSecond;
-    fields.tm_isdst = -1;  // the zone's rules decide
-    const time_t seconds = std::mktime(&fields);
-    if (seconds == -1) {
-        return false;
+    const int64_t localSeconds =
+        static_cast<int64_t>(asIfUtc / kUnitsPerSecond) - kSecondsFrom1601To1970;
+    // Kept by local hour, where mktime found the offset the same from the
+    // hour's start to its end.
+    thread_local HourOffset last;
+    const int64_t hour = HourOf(localSeconds);
+    int64_t seconds = 0;
+    if (last.Holds(hour) && localSeconds - last.offset != -1) {
+        // mktime's -1 is its failure too: that second is never given.
+        seconds = localSeconds - last.offset;
+    } else {
+        const std::optional<int64_t> made = MakeTime(local);
+        if (!made) {
+            return false;
+        }
+        seconds = *made;
+        const int64_t offset = localSeconds - seconds;
+        const int64_t start = hour * kSecondsPerHour;
+        const std::optional<int64_t> first = MakeTime(FileTimeToUtcSystemTime(UnitsOf(start)));
+        const std::optional<int64_t> end =
+            MakeTime(FileTimeToUtcSystemTime(UnitsOf(start + kSecondsPerHour - 1)));
+        if (first == start - offset && end == start + kSecondsPerHour - 1 - offset) {
+            last = {CurrentZone(), hour, offset};
+        }
     }
-    *fileTime =
-        static_cast<uint64_t>(static_cast<int64_t>(seconds) + kSecondsFrom1601To1970) * 10'000'000 +
-        local.wMilliseconds * 10'000ull;
+    *fileTime = UnitsOf(seconds) + local.wMilliseconds * 10'000ull;
     return true;
 }
 

@@ -1,6 +1,10 @@
 // Text forms of times, SIDs and strings.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
 #include "trace/Sid.h"
 #include "trace/TextForms.h"
 
@@ -30,6 +34,42 @@ TEST(TextFormsTest, TimestampsAndTheirCalendar) {
         EXPECT_FALSE(SystemTimeToFileTimeValue(time, &fileTime)) << time.wYear;
     }
 }
+
+#ifndef _WIN32
+// Local times across both changes of a zone with daylight saving time, which
+// here fall in the middle of an hour, as the C library converts them one by
+// one.
+TEST(TextFormsTest, LocalTimesAcrossDaylightSavingChanges) {
+    const std::string saved = getenv("TZ") != nullptr ? getenv("TZ") : "";
+    setenv("TZ", "CET-1CEST,M3.5.0/2:30,M10.5.0/3:30", 1);
+    tzset();
+    constexpr uint64_t kMinute = 600'000'000;
+    for (const uint64_t change : {133563222000000000ull, 133744662000000000ull}) {
+        for (uint64_t utc = change - 150 * kMinute; utc <= change + 150 * kMinute;
+             utc += 7 * kMinute + 10'000) {
+            const time_t seconds = static_cast<time_t>(utc / 10'000'000 - 11'644'473'600);
+            std::tm expected{};
+            localtime_r(&seconds, &expected);
+            const SYSTEMTIME local = UtcToLocalSystemTime(FileTimeToUtcSystemTime(utc));
+            EXPECT_EQ(expected.tm_hour, local.wHour) << utc;
+            EXPECT_EQ(expected.tm_min, local.wMinute) << utc;
+            uint64_t back = 0;
+            ASSERT_TRUE(LocalSystemTimeToFileTime(local, &back));
+            // The hour repeated in autumn reads as either of its two times.
+            const int minute = local.wHour * 60 + local.wMinute;
+            const bool repeated = local.wMonth == 10 && minute >= 150 && minute < 210;
+            constexpr uint64_t kHour = 60 * kMinute;
+            EXPECT_TRUE(back == utc || (repeated && (back == utc + kHour || back == utc - kHour)))
+                << utc;
+        }
+    }
+    setenv("TZ", saved.c_str(), 1);
+    if (saved.empty()) {
+        unsetenv("TZ");
+    }
+    tzset();
+}
+#endif
 
 TEST(TextFormsTest, TextConversions) {
     const char16_t text[] = u"a\U0001F600\u00E9\0ignored";
