@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 #include "log/LogWriter.h"
 #include "logonmon/PrintfFormat.h"
@@ -71,16 +72,35 @@ const char* LevelTag(uint32_t level) {
     return "NONE";
 }
 
+namespace {
+
+char* PutText(char* out, std::string_view text) {
+    std::memcpy(out, text.data(), text.size());
+    return out + text.size();
+}
+
+}  // namespace
+
 int FormatEventPrefix(char* buffer, const logonmon::EventRecordData& record,
                       const wchar_t* function) {
     // The event's own time, so that a replayed trace shows the trace's times.
     thread_local EventSecondText second;
     const wchar_t* source = record.providerName.empty() ? function : record.providerName.c_str();
-    return FormatInto(buffer, kLogLineBufferSize, "%s%03d %s (%s) [%04d] [%ws] ",
-                      second.For(record.timestamp),
-                      static_cast<int>(record.timestamp / kFileTimeUnitsPerMillisecond % 1000),
-                      record.LevelName().c_str(), record.LogPrefix().c_str(),
-                      static_cast<int>(record.eventId), source);
+    // "%s%03d %s (%s) [%04d] [%ws] ": written by hand up to the source, whose
+    // conversion stays the C runtime's. Every line of a session log has one.
+    char* out = PutText(buffer, second.For(record.timestamp));
+    out = logonmon::PutDecimal(
+        out, static_cast<uint32_t>(record.timestamp / kFileTimeUnitsPerMillisecond % 1000), 3);
+    *out++ = ' ';
+    out = PutText(out, record.LevelName());
+    out = PutText(out, " (");
+    out = PutText(out, record.LogPrefix());
+    out = PutText(out, ") [");
+    out = logonmon::PutDecimal(out, record.eventId, 4);
+    out = PutText(out, "] [");
+    const size_t written = static_cast<size_t>(out - buffer);
+    const int rest = FormatInto(out, kLogLineBufferSize - written, "%ws] ", source);
+    return rest < 0 ? -1 : static_cast<int>(written) + rest;
 }
 
 int FormatPlainPrefix(char* buffer, const SYSTEMTIME& now, uint32_t level, uint32_t processId,

@@ -62,7 +62,24 @@ class Output {
     // Wide text as UTF-8; characters that cannot be encoded (surrogates,
     // beyond U+10FFFF) become U+FFFD.
     void AppendUtf8(const wchar_t* text, size_t length) {
-        for (size_t i = 0; i < length; ++i) {
+        // Blocks of ASCII that fit are copied a block at a time.
+        constexpr size_t kBlock = 8;
+        size_t i = 0;
+        while (length - i >= kBlock && length_ < capacity_ && capacity_ - length_ >= kBlock) {
+            uint32_t units = 0;
+            for (size_t k = 0; k < kBlock; ++k) {
+                units |= static_cast<uint32_t>(text[i + k]);
+            }
+            if (units >= 0x80) {
+                break;
+            }
+            for (size_t k = 0; k < kBlock; ++k) {
+                buffer_[length_ + k] = static_cast<char>(text[i + k]);
+            }
+            length_ += kBlock;
+            i += kBlock;
+        }
+        for (; i < length; ++i) {
             // Runs of ASCII, by far the most of it, go straight in.
             size_t run = 0;
             while (i + run < length && static_cast<uint32_t>(text[i + run]) < 0x80) {

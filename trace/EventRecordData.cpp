@@ -130,28 +130,42 @@ std::wstring ExpandMessageTemplate(EventRecordData& data) {
     return text;
 }
 
+// The opcode's name, then the task's, the event's "name" and every other
+// property with its value. Built in one string: every event of a replayed
+// trace is written this way.
 std::wstring DescriptionFromNames(const EventRecordData& data) {
-    std::wstring description = data.taskName;
+    std::wstring text;
+    size_t size = data.opcodeName.size() + data.taskName.size() + 16;
+    for (const auto& [key, value] : data.properties) {
+        size += key.size() + value.size() + 4;
+    }
+    text.reserve(size);
+    if (!data.opcodeName.empty()) {
+        text.append(data.opcodeName).push_back(L' ');
+    }
+    const size_t start = text.size();
+    const auto descriptionSize = [&text, start] { return text.size() - start; };
+    text.append(data.taskName);
     const auto name = data.properties.find(L"name");
     if (name != data.properties.end() && name->second != data.taskName) {
-        if (description.size() > 1) {
-            description += L" ";
+        if (descriptionSize() > 1) {
+            text.push_back(L' ');
         }
-        description += L"Name: " + name->second;
+        text.append(L"Name: ").append(name->second);
     }
     for (const auto& [key, value] : data.properties) {
         if (SamePropertyName(key, L"Opcode") || SamePropertyName(key, L"Task") ||
             SamePropertyName(key, L"name")) {
             continue;
         }
-        if (description.size() > 1) {
-            description += L", ";
+        if (descriptionSize() > 1) {
+            text.append(L", ");
         }
         if (!value.empty() && std::iswprint(static_cast<wint_t>(value[0]))) {
-            description.append(key).append(L": ").append(value);
+            text.append(key).append(L": ").append(value);
         }
     }
-    return data.opcodeName.empty() ? description : data.opcodeName + L" " + description;
+    return text;
 }
 
 }  // namespace
@@ -295,27 +309,19 @@ std::string EventRecordData::LevelName() const {
 
 std::string EventRecordData::LogPrefix() const {
     // Written by hand: this is on every line of a session log.
-    const auto appendHex = [](std::string& text, uint32_t value) {
-        static constexpr char kDigits[] = "0123456789abcdef";
-        char digits[8];
-        size_t count = 0;
-        do {
-            digits[count++] = kDigits[value & 0xF];
-            value >>= 4;
-        } while (value != 0);
-        text.append(count < 4 ? 4 - count : 0, '0');
-        while (count > 0) {
-            text.push_back(digits[--count]);
-        }
-    };
-    const uint32_t session = sessionIdOverride != nullptr ? *sessionIdOverride : sessionId;
-    std::string text;
-    appendHex(text, processId);
-    text.push_back('-');
-    appendHex(text, threadId);
-    text.push_back('-');
-    text += std::to_string(static_cast<int>(session));
-    return text;
+    const auto session =
+        static_cast<int32_t>(sessionIdOverride != nullptr ? *sessionIdOverride : sessionId);
+    char text[32];
+    char* out = PutHex(text, processId, 4);
+    *out++ = '-';
+    out = PutHex(out, threadId, 4);
+    *out++ = '-';
+    if (session < 0) {
+        *out++ = '-';
+    }
+    out = PutDecimal(
+        out, session < 0 ? 0u - static_cast<uint32_t>(session) : static_cast<uint32_t>(session));
+    return std::string(text, out);
 }
 
 std::wstring EventRecordData::MessageText() {

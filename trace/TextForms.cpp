@@ -1,6 +1,7 @@
 #include "trace/TextForms.h"
 
 #include <algorithm>
+#include <tuple>
 #include <cstdio>
 
 namespace logonmon {
@@ -111,33 +112,48 @@ std::wstring TimestampText(uint64_t fileTime, bool local) {
     }
     // "%04d-%02d-%02dT%02d:%02d:%02d:%03d", written by hand: decoding a trace
     // writes one for every time property.
-    wchar_t text[40];
-    wchar_t* out = text;
-    const auto append = [&out](uint32_t value, int width, wchar_t separator) {
-        wchar_t digits[10];
-        int count = 0;
-        do {
-            digits[count++] = static_cast<wchar_t>(L'0' + value % 10);
-            value /= 10;
-        } while (value != 0);
-        for (; width > count; --width) {
-            *out++ = L'0';
-        }
-        while (count > 0) {
-            *out++ = digits[--count];
-        }
-        if (separator != 0) {
-            *out++ = separator;
-        }
-    };
-    append(time.wYear, 4, L'-');
-    append(time.wMonth, 2, L'-');
-    append(time.wDay, 2, L'T');
-    append(time.wHour, 2, L':');
-    append(time.wMinute, 2, L':');
-    append(time.wSecond, 2, L':');
-    append(time.wMilliseconds, 3, local ? 0 : L'Z');
+    char text[40];
+    char* out = PutDecimal(text, time.wYear, 4);
+    for (const auto& [separator, value, width] :
+         {std::tuple{'-', time.wMonth, 2}, std::tuple{'-', time.wDay, 2},
+          std::tuple{'T', time.wHour, 2}, std::tuple{':', time.wMinute, 2},
+          std::tuple{':', time.wSecond, 2}, std::tuple{':', time.wMilliseconds, 3}}) {
+        *out++ = separator;
+        out = PutDecimal(out, value, width);
+    }
+    if (!local) {
+        *out++ = 'Z';
+    }
     return std::wstring(text, out);
+}
+
+namespace {
+
+char* PutDigits(char* out, uint64_t value, int width, unsigned base) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    char digits[20];
+    int count = 0;
+    do {
+        digits[count++] = kDigits[value % base];
+        value /= base;
+    } while (value != 0);
+    for (; width > count; --width) {
+        *out++ = '0';
+    }
+    while (count > 0) {
+        *out++ = digits[--count];
+    }
+    return out;
+}
+
+}  // namespace
+
+char* PutDecimal(char* out, uint64_t value, int width) {
+    return PutDigits(out, value, width, 10);
+}
+
+char* PutHex(char* out, uint64_t value, int width) {
+    return PutDigits(out, value, width, 16);
 }
 
 std::wstring GuidText(const GUID& guid, bool braces) {

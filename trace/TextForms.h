@@ -12,6 +12,10 @@ namespace logonmon {
 // "%04d-%02d-%02dT%02d:%02d:%02d:%03d%s" of a FILETIME (100 ns since 1601
 // UTC), in local time or in UTC with the suffix "Z"; "NULL" for 0.
 std::wstring TimestampText(uint64_t fileTime, bool local);
+// `value` in decimal or lower-case hexadecimal, with at least `width` digits,
+// as printf's "%0*u" and "%0*x" write it, at `out`; returns the end.
+char* PutDecimal(char* out, uint64_t value, int width = 1);
+char* PutHex(char* out, uint64_t value, int width = 1);
 
 // Appends the decimal digits of `value`, as std::to_wstring writes them.
 void AppendDecimal(std::wstring& text, uint64_t value);

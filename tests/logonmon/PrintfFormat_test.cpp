@@ -36,6 +36,8 @@ TEST(PrintfFormatTest, FollowsTheMicrosoftConventions) {
 // whatever the locale.
 TEST(PrintfFormatTest, WideTextBecomesUtf8) {
     EXPECT_EQ(Format("[%-7ws]", L"J\u00fc \u4e2d"), "[J\xc3\xbc \xe4\xb8\xad   ]");
+    EXPECT_EQ(Format("%ws", L"Logon script 1\u00e9 2 3 4 5 6 7 8 9 10"),
+              "Logon script 1\xc3\xa9 2 3 4 5 6 7 8 9 10");
     // A lone surrogate becomes U+FFFD.
     EXPECT_EQ(Format("%ws", L"\U00010000\U0010FFFF\xD800"),
               "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF\xEF\xBF\xBD");
