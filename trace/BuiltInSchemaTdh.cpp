@@ -162,9 +162,16 @@ BuiltInSchemaTdh::BuiltInSchemaTdh(TdhApi& fallback) : fallback_(fallback) {
         Entry entry{MakeKey<Key>(schema.provider, schema.eventId, schema.version),
                     &schema,
                     SerializeSchema(schema),
+                    {},
                     {}};
         for (uint16_t i = 0; i < schema.propertyCount; ++i) {
-            entry.nameLengths.push_back(TextUnits(schema.properties[i].name));
+            const char16_t* name = schema.properties[i].name;
+            entry.nameLengths.push_back(TextUnits(name));
+            bool first = true;
+            for (uint16_t earlier = 0; earlier < i; ++earlier) {
+                first = first && std::u16string_view(schema.properties[earlier].name) != name;
+            }
+            entry.firstOfItsName.push_back(first);
         }
         entries_.push_back(std::move(entry));
     }
@@ -198,14 +205,59 @@ const BuiltInSchemaTdh::Entry* BuiltInSchemaTdh::Find(const EVENT_RECORD& event)
 }
 
 bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,
-                              const PROPERTY_DATA_DESCRIPTOR& descriptor, Span* span) {
+                              const PROPERTY_DATA_DESCRIPTOR& descriptor, Span* span) const {
     const char16_t* name = DescriptorName(descriptor);
     if (name == nullptr) {
         return false;
     }
-    const size_t wantedLength = TextUnits(name);
     const auto* data = static_cast<const uint8_t*>(event.UserData);
     const size_t total = data != nullptr ? event.UserDataLength : 0;
+    const auto isNamed = [&entry, name](uint16_t i, size_t length) {
+        const BuiltInProperty& property = entry.schema->properties[i];
+        return entry.nameLengths[i] == length && property.name[0] == name[0] &&
+               std::memcmp(property.name, name, length * sizeof(char16_t)) == 0;
+    };
+    const size_t wantedLength = TextUnits(name);
+
+    // A decoder asks for an event's properties in their order, each once or
+    // twice (its size, then its value): where the last one asked for lay
+    // tells where this one lies, without walking the payload again. Only for
+    // the event asked about last, never for the first property, which every
+    // decoding of an event starts with, so that another event in the same
+    // place is walked anew; and only for a property whose name no earlier
+    // one has, which is the one TDH would find.
+    struct LastLocated {
+        uint64_t serial = 0;
+        const EVENT_RECORD* event = nullptr;
+        const uint8_t* data = nullptr;
+        size_t total = 0;
+        uint16_t index = 0;
+        Span span{};
+    };
+    thread_local LastLocated last;
+    const bool sameEvent =
+        last.serial == serial_ && last.event == &event && last.data == data && last.total == total;
+    if (sameEvent) {
+        for (const uint16_t i : {last.index, static_cast<uint16_t>(last.index + 1)}) {
+            if (i > 0 && i < entry.schema->propertyCount && entry.firstOfItsName[i] &&
+                isNamed(i, wantedLength)) {
+                const size_t offset =
+                    i == last.index ? last.span.offset : last.span.offset + last.span.size;
+                const size_t available = total - std::min(offset, total);
+                const bool pointer32 = (event.EventHeader.Flags & kHeaderFlag32BitHeader) != 0;
+                *span =
+                    i == last.index
+                        ? last.span
+                        : Span{offset, std::min(PropertySize(entry.schema->properties[i],
+                                                             data + offset, available, pointer32),
+                                                available)};
+                last.index = i;
+                last.span = *span;
+                return true;
+            }
+        }
+    }
+
     const bool pointer32 = (event.EventHeader.Flags & kHeaderFlag32BitHeader) != 0;
     size_t offset = 0;
     for (uint16_t i = 0; i < entry.schema->propertyCount; ++i) {
@@ -213,9 +265,9 @@ bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,
         const size_t available = total - offset;
         const size_t size =
             std::min(PropertySize(property, data + offset, available, pointer32), available);
-        if (entry.nameLengths[i] == wantedLength && property.name[0] == name[0] &&
-            std::memcmp(property.name, name, wantedLength * sizeof(char16_t)) == 0) {
+        if (isNamed(i, wantedLength)) {
             *span = Span{offset, size};
+            last = {serial_, &event, data, total, i, *span};
             return true;
         }
         offset += size;

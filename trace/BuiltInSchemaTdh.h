@@ -40,6 +40,8 @@ class BuiltInSchemaTdh final : public TdhApi {
         std::vector<uint8_t> info;  // TRACE_EVENT_INFO as TDH would return it
         // Of each property's name, in UTF-16 units.
         std::vector<size_t> nameLengths;
+        // Whether no earlier property has the same name.
+        std::vector<bool> firstOfItsName;
     };
     struct Span {
         size_t offset;
@@ -49,8 +51,8 @@ class BuiltInSchemaTdh final : public TdhApi {
     const Entry* Find(const EVENT_RECORD& event) const;
     // Where the named property lies in the payload; false for a name the
     // schema does not have.
-    static bool Locate(const Entry& entry, const EVENT_RECORD& event,
-                       const PROPERTY_DATA_DESCRIPTOR& descriptor, Span* span);
+    bool Locate(const Entry& entry, const EVENT_RECORD& event,
+                const PROPERTY_DATA_DESCRIPTOR& descriptor, Span* span) const;
 
     TdhApi& fallback_;
     // Tells instances apart, also one made where another was.

@@ -1,7 +1,7 @@
 #include "trace/TextForms.h"
 
 #include <algorithm>
-#include <tuple>
+#include <cstring>
 #include <cstdio>
 
 namespace logonmon {
@@ -114,13 +114,18 @@ std::wstring TimestampText(uint64_t fileTime, bool local) {
     // writes one for every time property.
     char text[40];
     char* out = PutDecimal(text, time.wYear, 4);
-    for (const auto& [separator, value, width] :
-         {std::tuple{'-', time.wMonth, 2}, std::tuple{'-', time.wDay, 2},
-          std::tuple{'T', time.wHour, 2}, std::tuple{':', time.wMinute, 2},
-          std::tuple{':', time.wSecond, 2}, std::tuple{':', time.wMilliseconds, 3}}) {
-        *out++ = separator;
-        out = PutDecimal(out, value, width);
-    }
+    *out++ = '-';
+    out = PutDecimal(out, time.wMonth, 2);
+    *out++ = '-';
+    out = PutDecimal(out, time.wDay, 2);
+    *out++ = 'T';
+    out = PutDecimal(out, time.wHour, 2);
+    *out++ = ':';
+    out = PutDecimal(out, time.wMinute, 2);
+    *out++ = ':';
+    out = PutDecimal(out, time.wSecond, 2);
+    *out++ = ':';
+    out = PutDecimal(out, time.wMilliseconds, 3);
     if (!local) {
         *out++ = 'Z';
     }
@@ -129,31 +134,32 @@ std::wstring TimestampText(uint64_t fileTime, bool local) {
 
 namespace {
 
-char* PutDigits(char* out, uint64_t value, int width, unsigned base) {
+// Digits in reverse at the end of `digits`, then padded and copied to `out`.
+template <unsigned kBase>
+char* PutDigits(char* out, uint64_t value, int width) {
     static constexpr char kDigits[] = "0123456789abcdef";
-    char digits[20];
-    int count = 0;
+    char digits[24];
+    char* start = digits + sizeof digits;
     do {
-        digits[count++] = kDigits[value % base];
-        value /= base;
+        *--start = kDigits[value % kBase];
+        value /= kBase;
     } while (value != 0);
-    for (; width > count; --width) {
+    for (int count = static_cast<int>(digits + sizeof digits - start); width > count; --width) {
         *out++ = '0';
     }
-    while (count > 0) {
-        *out++ = digits[--count];
-    }
-    return out;
+    const size_t count = static_cast<size_t>(digits + sizeof digits - start);
+    std::memcpy(out, start, count);
+    return out + count;
 }
 
 }  // namespace
 
 char* PutDecimal(char* out, uint64_t value, int width) {
-    return PutDigits(out, value, width, 10);
+    return PutDigits<10>(out, value, width);
 }
 
 char* PutHex(char* out, uint64_t value, int width) {
-    return PutDigits(out, value, width, 16);
+    return PutDigits<16>(out, value, width);
 }
 
 std::wstring GuidText(const GUID& guid, bool braces) {
