@@ -65,20 +65,28 @@ class Output {
         // Blocks of ASCII that fit are copied a block at a time.
         constexpr size_t kBlock = 8;
         size_t i = 0;
-        while (length - i >= kBlock && length_ < capacity_ && capacity_ - length_ >= kBlock) {
-            uint32_t units = 0;
+        char* const out = buffer_ + length_;
+        const size_t room = length_ < capacity_ ? capacity_ - length_ : 0;
+        size_t copied = 0;
+        while (length - i >= kBlock && room - copied >= kBlock) {
+            // Read into locals first: stores through a char pointer could
+            // otherwise change the text for all the compiler knows.
+            uint32_t units[kBlock];
+            uint32_t any = 0;
             for (size_t k = 0; k < kBlock; ++k) {
-                units |= static_cast<uint32_t>(text[i + k]);
+                units[k] = static_cast<uint32_t>(text[i + k]);
+                any |= units[k];
             }
-            if (units >= 0x80) {
+            if (any >= 0x80) {
                 break;
             }
             for (size_t k = 0; k < kBlock; ++k) {
-                buffer_[length_ + k] = static_cast<char>(text[i + k]);
+                out[copied + k] = static_cast<char>(units[k]);
             }
-            length_ += kBlock;
+            copied += kBlock;
             i += kBlock;
         }
+        length_ += copied;
         for (; i < length; ++i) {
             // Runs of ASCII, by far the most of it, go straight in.
             size_t run = 0;

@@ -212,12 +212,17 @@ bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,
     }
     const auto* data = static_cast<const uint8_t*>(event.UserData);
     const size_t total = data != nullptr ? event.UserDataLength : 0;
-    const auto isNamed = [&entry, name](uint16_t i, size_t length) {
-        const BuiltInProperty& property = entry.schema->properties[i];
-        return entry.nameLengths[i] == length && property.name[0] == name[0] &&
-               std::memcmp(property.name, name, length * sizeof(char16_t)) == 0;
+    // Compared unit by unit, so that the name asked for is read no further
+    // than its null.
+    const auto isNamed = [&entry, name](uint16_t i) {
+        const char16_t* own = entry.schema->properties[i].name;
+        const size_t length = entry.nameLengths[i];
+        size_t at = 0;
+        while (at < length && own[at] == name[at]) {
+            ++at;
+        }
+        return at == length && name[length] == 0;
     };
-    const size_t wantedLength = TextUnits(name);
 
     // A decoder asks for an event's properties in their order, each once or
     // twice (its size, then its value): where the last one asked for lay
@@ -240,7 +245,7 @@ bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,
     if (sameEvent) {
         for (const uint16_t i : {last.index, static_cast<uint16_t>(last.index + 1)}) {
             if (i > 0 && i < entry.schema->propertyCount && entry.firstOfItsName[i] &&
-                isNamed(i, wantedLength)) {
+                isNamed(i)) {
                 const size_t offset =
                     i == last.index ? last.span.offset : last.span.offset + last.span.size;
                 const size_t available = total - std::min(offset, total);
@@ -265,7 +270,7 @@ bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,
         const size_t available = total - offset;
         const size_t size =
             std::min(PropertySize(property, data + offset, available, pointer32), available);
-        if (isNamed(i, wantedLength)) {
+        if (isNamed(i)) {
             *span = Span{offset, size};
             last = {serial_, &event, data, total, i, *span};
             return true;
