@@ -128,12 +128,7 @@ void LogonProcessor::Process_Exited(EventRecordData& record) {
         return;
     }
     SESSION_CONTEXT& context = *record.sessionContext;
-    const std::wstring image = PropertyText(record, L"ImageName");
-    const std::wstring processIdText = PropertyText(record, L"ProcessID");
-    const std::wstring exitText = PropertyText(record, L"ExitTime");
-    const auto created = ParseTimestamp(PropertyText(record, L"CreateTime"));
-    const auto exited = ParseTimestamp(exitText);
-
+    const std::wstring& processIdText = PropertyText(record, L"ProcessID");
     const auto processId = ParseDecimal(processIdText);
     const auto tracked =
         processId ? context.scriptHosts.find(*processId) : context.scriptHosts.end();
@@ -142,6 +137,10 @@ void LogonProcessor::Process_Exited(EventRecordData& record) {
     }
     const ScriptHost host = tracked->second;
     context.scriptHosts.erase(tracked);
+    const std::wstring& image = PropertyText(record, L"ImageName");
+    const std::wstring& exitText = PropertyText(record, L"ExitTime");
+    const auto created = ParseTimestamp(PropertyText(record, L"CreateTime"));
+    const auto exited = ParseTimestamp(exitText);
     if (!created || !exited) {
         return;
     }

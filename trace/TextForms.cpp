@@ -129,7 +129,10 @@ std::wstring TimestampText(uint64_t fileTime, bool local) {
     if (!local) {
         *out++ = 'Z';
     }
-    return std::wstring(text, out);
+    wchar_t wide[sizeof text];
+    const auto length = static_cast<size_t>(out - text);
+    std::copy(text, out, wide);
+    return std::wstring(wide, length);
 }
 
 namespace {
