@@ -178,7 +178,11 @@ void PropertyMap::AssignKeys(std::span<const std::wstring_view> keys) {
     if (entries_.capacity() == 0) {
         entries_ = SpareEntries::Take();
     }
-    entries_.resize(keys.size());
+    // Entries beyond the keys stay, with the storage of their values.
+    if (entries_.size() < keys.size()) {
+        entries_.resize(keys.size());
+    }
+    size_ = keys.size();
     for (size_t i = 0; i < keys.size(); ++i) {
         entries_[i].first = keys[i];
         entries_[i].second.clear();
@@ -191,19 +195,21 @@ PropertyMap::const_iterator PropertyMap::find(std::wstring_view name) const {
 
 PropertyMap::iterator PropertyMap::find(std::wstring_view name) {
     const auto entry = LowerBound(name);
-    return entry != entries_.end() && SamePropertyName(entry->first, name) ? entry : entries_.end();
+    return entry != end() && SamePropertyName(entry->first, name) ? entry : end();
 }
 
 std::wstring& PropertyMap::operator[](std::wstring_view name) {
     const auto entry = LowerBound(name);
-    if (entry != entries_.end() && SamePropertyName(entry->first, name)) {
+    if (entry != end() && SamePropertyName(entry->first, name)) {
         return entry->second;
     }
-    return entries_.emplace(entry, name, std::wstring())->second;
+    std::wstring& value = entries_.emplace(entry, name, std::wstring())->second;
+    ++size_;
+    return value;
 }
 
 PropertyMap::iterator PropertyMap::LowerBound(std::wstring_view name) {
-    return std::lower_bound(entries_.begin(), entries_.end(), name,
+    return std::lower_bound(begin(), end(), name,
                             [](const value_type& entry, std::wstring_view key) {
                                 return PropertyNameLess()(entry.first, key);
                             });

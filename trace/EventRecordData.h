@@ -3,6 +3,8 @@
 // property as text.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -36,11 +38,11 @@ class PropertyMap {
     ~PropertyMap();
 
     iterator begin() { return entries_.begin(); }
-    iterator end() { return entries_.end(); }
+    iterator end() { return entries_.begin() + static_cast<std::ptrdiff_t>(size_); }
     const_iterator begin() const { return entries_.begin(); }
-    const_iterator end() const { return entries_.end(); }
-    size_t size() const { return entries_.size(); }
-    bool empty() const { return entries_.empty(); }
+    const_iterator end() const { return entries_.begin() + static_cast<std::ptrdiff_t>(size_); }
+    size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
 
     iterator find(std::wstring_view name);
     const_iterator find(std::wstring_view name) const;
@@ -52,12 +54,17 @@ class PropertyMap {
     // The value of the key at `position` in key order.
     std::wstring& ValueAt(size_t position) { return entries_[position].second; }
 
-    friend bool operator==(const PropertyMap&, const PropertyMap&) = default;
+    friend bool operator==(const PropertyMap& left, const PropertyMap& right) {
+        return std::equal(left.begin(), left.end(), right.begin(), right.end());
+    }
 
   private:
     iterator LowerBound(std::wstring_view name);
 
+    // The first `size_` are the map; the rest are kept with their storage
+    // for the values of events with more properties.
     std::vector<value_type> entries_;
+    size_t size_ = 0;
 };
 
 // Thrown when the SID item of the extended data holds no whole SID; the
