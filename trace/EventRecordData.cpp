@@ -154,8 +154,11 @@ std::wstring DescriptionFromNames(const EventRecordData& data) {
         text.append(L"Name: ").append(name->second);
     }
     for (const auto& [key, value] : data.properties) {
-        if (SamePropertyName(key, L"Opcode") || SamePropertyName(key, L"Task") ||
-            SamePropertyName(key, L"name")) {
+        // Lengths first: most keys are none of the three.
+        const bool shownBefore =
+            key.size() == 4 ? SamePropertyName(key, L"Task") || SamePropertyName(key, L"name")
+                            : key.size() == 6 && SamePropertyName(key, L"Opcode");
+        if (shownBefore) {
             continue;
         }
         if (descriptionSize() > 1) {
