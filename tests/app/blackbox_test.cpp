@@ -91,6 +91,18 @@ DWORD WaitFor(SC_HANDLE service, DWORD state) {
     return status.dwCurrentState;
 }
 
+// The process a running service runs in, to wait for: it may still write its
+// log after the manager reports the service stopped.
+UniqueHandle ServiceProcess(SC_HANDLE service) {
+    SERVICE_STATUS_PROCESS status{};
+    DWORD needed = 0;
+    if (!QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
+                              sizeof status, &needed)) {
+        return UniqueHandle();
+    }
+    return UniqueHandle(OpenProcess(SYNCHRONIZE, FALSE, status.dwProcessId));
+}
+
 // Also one an earlier run left behind.
 void Remove(SC_HANDLE manager) {
     const ServiceHandle service(OpenServiceW(manager, kName, SERVICE_ALL_ACCESS));
@@ -121,10 +133,12 @@ TEST(ServiceTest, RunsTheBodyUntilStoppedAnsweringInterrogateAndIgnoringOtherCon
         Sleep(50);
     }
     ASSERT_EQ(WaitFor(service.Get(), SERVICE_RUNNING), static_cast<DWORD>(SERVICE_RUNNING));
+    const UniqueHandle process = ServiceProcess(service.Get());
     EXPECT_EQ(Control(service.Get(), SERVICE_CONTROL_INTERROGATE), ERROR_SUCCESS);
     Control(service.Get(), 128);  // a user-defined control, passed on by the manager
     EXPECT_EQ(Control(service.Get(), SERVICE_CONTROL_STOP), ERROR_SUCCESS);
     EXPECT_EQ(WaitFor(service.Get(), SERVICE_STOPPED), static_cast<DWORD>(SERVICE_STOPPED));
+    EXPECT_EQ(WaitForSingleObject(process.Get(), 30000), WAIT_OBJECT_0);
     Remove(manager.Get());
 
     // The wrapper's lines from the last start that reached running: starts
