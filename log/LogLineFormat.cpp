@@ -86,8 +86,8 @@ int FormatEventPrefix(char* buffer, const logonmon::EventRecordData& record,
     // The event's own time, so that a replayed trace shows the trace's times.
     thread_local EventSecondText second;
     const wchar_t* source = record.providerName.empty() ? function : record.providerName.c_str();
-    // "%s%03d %s (%s) [%04d] [%ws] ": written by hand up to the source, whose
-    // conversion stays the C runtime's. Every line of a session log has one.
+    // "%s%03d %s (%s) [%04d] [%ws] ", written by hand: every line of a session
+    // log has one. The source's conversion stays the C runtime's.
     char* out = PutText(buffer, second.For(record.timestamp));
     out = logonmon::PutDecimal(
         out, static_cast<uint32_t>(record.timestamp / kFileTimeUnitsPerMillisecond % 1000), 3);
@@ -99,8 +99,16 @@ int FormatEventPrefix(char* buffer, const logonmon::EventRecordData& record,
     out = logonmon::PutDecimal(out, record.eventId, 4);
     out = PutText(out, "] [");
     const size_t written = static_cast<size_t>(out - buffer);
-    const int rest = FormatInto(out, kLogLineBufferSize - written, "%ws] ", source);
-    return rest < 0 ? -1 : static_cast<int>(written) + rest;
+    const int sourceLength = logonmon::FormatWideText(out, kLogLineBufferSize - written, source);
+    if (sourceLength < 0) {
+        return -1;
+    }
+    // Then "] ", as much of it as leaves room for the null, as one format
+    // would have written it.
+    const size_t used = written + static_cast<size_t>(sourceLength);
+    const std::string_view end = std::string_view("] ").substr(0, kLogLineBufferSize - 1 - used);
+    PutText(buffer + used, end)[0] = '\0';
+    return end.size() == 2 ? static_cast<int>(used + end.size()) : -1;
 }
 
 int FormatPlainPrefix(char* buffer, const SYSTEMTIME& now, uint32_t level, uint32_t processId,

@@ -15,6 +15,10 @@ namespace logonmon {
 // its last valid byte.
 int FormatPrintfToBuffer(char* buffer, size_t size, const char* format, va_list args);
 
+// What FormatPrintfToBuffer writes for "%ws" and `text`, without reading a
+// format: for the wide texts of every log line.
+int FormatWideText(char* buffer, size_t size, const wchar_t* text);
+
 // Formats the whole text, however long.
 std::string FormatPrintf(const char* format, va_list args);
 

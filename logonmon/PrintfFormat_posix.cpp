@@ -513,4 +513,14 @@ int FormatPrintfToBuffer(char* buffer, size_t size, const char* format, va_list 
     return out.Length() < size ? static_cast<int>(out.Length()) : -1;
 }
 
+int FormatWideText(char* buffer, size_t size, const wchar_t* text) {
+    if (size == 0) {
+        return -1;
+    }
+    Output out(buffer, size - 1);
+    AppendWideString(out, text, Conversion{});
+    buffer[std::min(out.Length(), size - 1)] = '\0';
+    return out.Length() < size ? static_cast<int>(out.Length()) : -1;
+}
+
 }  // namespace logonmon

@@ -28,6 +28,22 @@ int FormatPrintfToBuffer(char* buffer, size_t size, const char* format, va_list 
     return length;
 }
 
+namespace {
+
+int FormatInto(char* buffer, size_t size, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int length = FormatPrintfToBuffer(buffer, size, format, args);
+    va_end(args);
+    return length;
+}
+
+}  // namespace
+
+int FormatWideText(char* buffer, size_t size, const wchar_t* text) {
+    return FormatInto(buffer, size, "%ws", text);
+}
+
 std::string FormatPrintf(const char* format, va_list args) {
     va_list measure;
     va_copy(measure, args);
