@@ -137,32 +137,33 @@ std::wstring TimestampText(uint64_t fileTime, bool local) {
 
 namespace {
 
-// Digits in reverse at the end of `digits`, then padded and copied to `out`.
-template <unsigned kBase>
-char* PutDigits(char* out, uint64_t value, int width) {
+// Counts the digits first, then writes them from the last, zeros padding.
+template <unsigned kBase, typename Unsigned>
+char* PutDigits(char* out, Unsigned value, int width) {
     static constexpr char kDigits[] = "0123456789abcdef";
-    char digits[24];
-    char* start = digits + sizeof digits;
-    do {
-        *--start = kDigits[value % kBase];
-        value /= kBase;
-    } while (value != 0);
-    for (int count = static_cast<int>(digits + sizeof digits - start); width > count; --width) {
-        *out++ = '0';
+    int count = 1;
+    for (Unsigned rest = value / kBase; rest != 0; rest /= kBase) {
+        ++count;
     }
-    const size_t count = static_cast<size_t>(digits + sizeof digits - start);
-    std::memcpy(out, start, count);
-    return out + count;
+    const int total = std::max(count, width);
+    for (int at = total - 1; at >= 0; --at) {
+        out[at] = kDigits[value % kBase];
+        value /= kBase;
+    }
+    return out + total;
 }
 
 }  // namespace
 
+// Values that fit 32 bits, the usual ones, are divided in 32 bits.
 char* PutDecimal(char* out, uint64_t value, int width) {
-    return PutDigits<10>(out, value, width);
+    return value <= UINT32_MAX ? PutDigits<10>(out, static_cast<uint32_t>(value), width)
+                               : PutDigits<10>(out, value, width);
 }
 
 char* PutHex(char* out, uint64_t value, int width) {
-    return PutDigits<16>(out, value, width);
+    return value <= UINT32_MAX ? PutDigits<16>(out, static_cast<uint32_t>(value), width)
+                               : PutDigits<16>(out, value, width);
 }
 
 std::wstring GuidText(const GUID& guid, bool braces) {
