@@ -65,8 +65,8 @@ class Output {
         // Blocks of ASCII that fit are copied a block at a time.
         constexpr size_t kBlock = 8;
         size_t i = 0;
-        char* const out = buffer_ + length_;
         const size_t room = length_ < capacity_ ? capacity_ - length_ : 0;
+        char* const out = buffer_ + std::min(length_, capacity_);
         size_t copied = 0;
         while (length - i >= kBlock && room - copied >= kBlock) {
             // Read into locals first: stores through a char pointer could

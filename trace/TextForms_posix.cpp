@@ -1,3 +1,5 @@
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <optional>
 
@@ -58,16 +60,26 @@ bool OffsetHoldsForHour(int64_t hour, int64_t offset) {
     return true;
 }
 
-// What the last tzset() found: an offset kept under another zone is not used.
+// The zone as TZ names it: an offset kept under another zone is not used. A
+// TZ too long to hold here is never cached under.
 struct Zone {
-    long seconds = 0;
-    int daylight = 0;
-    const char* names[2] = {};
+    bool set = false;
+    char name[64] = {};
     bool operator==(const Zone&) const = default;
 };
 
-Zone CurrentZone() {
-    return {timezone, daylight, {tzname[0], tzname[1]}};
+std::optional<Zone> CurrentZone() {
+    Zone zone;
+    const char* tz = std::getenv("TZ");
+    if (tz != nullptr) {
+        const size_t length = std::strlen(tz);
+        if (length >= sizeof zone.name) {
+            return std::nullopt;
+        }
+        zone.set = true;
+        std::memcpy(zone.name, tz, length);
+    }
+    return zone;
 }
 
 // The zone's offset over one hour, kept from the hour asked for last: a
@@ -109,21 +121,21 @@ SYSTEMTIME UtcToLocalSystemTime(const SYSTEMTIME& utc) {
         static_cast<int64_t>(fileTime / kUnitsPerSecond) - kSecondsFrom1601To1970;
     thread_local HourOffset last;
     const int64_t hour = HourOf(seconds);
-    if (!last.Holds(hour)) {
-        std::tm local{};
-        const auto asTimeT = static_cast<time_t>(seconds);
-        if (localtime_r(&asTimeT, &local) == nullptr) {
-            return utc;
-        }
-        const int64_t offset = local.tm_gmtoff;
-        if (!OffsetHoldsForHour(hour, offset)) {
-            return FromFields(local, utc.wMilliseconds);
-        }
-        last = {CurrentZone(), hour, offset};
+    if (last.Holds(hour)) {
+        SYSTEMTIME time = FileTimeToUtcSystemTime(UnitsOf(seconds + last.offset));
+        time.wMilliseconds = utc.wMilliseconds;
+        return time;
     }
-    SYSTEMTIME time = FileTimeToUtcSystemTime(UnitsOf(seconds + last.offset));
-    time.wMilliseconds = utc.wMilliseconds;
-    return time;
+    std::tm local{};
+    const auto asTimeT = static_cast<time_t>(seconds);
+    if (localtime_r(&asTimeT, &local) == nullptr) {
+        return utc;
+    }
+    const std::optional<Zone> zone = CurrentZone();
+    if (zone && OffsetHoldsForHour(hour, local.tm_gmtoff)) {
+        last = {*zone, hour, local.tm_gmtoff};
+    }
+    return FromFields(local, utc.wMilliseconds);
 }
 
 bool LocalSystemTimeToFileTime(const SYSTEMTIME& local, uint64_t* fileTime) {
@@ -154,8 +166,9 @@ bool LocalSystemTimeToFileTime(const SYSTEMTIME& local, uint64_t* fileTime) {
         const std::optional<int64_t> first = MakeTime(FileTimeToUtcSystemTime(UnitsOf(start)));
         const std::optional<int64_t> end =
             MakeTime(FileTimeToUtcSystemTime(UnitsOf(start + kSecondsPerHour - 1)));
-        if (first == start - offset && end == start + kSecondsPerHour - 1 - offset) {
-            last = {CurrentZone(), hour, offset};
+        const std::optional<Zone> zone = CurrentZone();
+        if (zone && first == start - offset && end == start + kSecondsPerHour - 1 - offset) {
+            last = {*zone, hour, offset};
         }
     }
     *fileTime = UnitsOf(seconds) + local.wMilliseconds * 10'000ull;

@@ -63,6 +63,13 @@ TEST(TextFormsTest, LocalTimesAcrossDaylightSavingChanges) {
                 << utc;
         }
     }
+    // A zone of the same names and offset with other rules: nothing kept
+    // under the first is used.
+    const SYSTEMTIME quarterPastTwo = FileTimeToUtcSystemTime(133563249000000000);
+    EXPECT_EQ(4, UtcToLocalSystemTime(quarterPastTwo).wHour);
+    setenv("TZ", "CET-1CEST,M3.5.0/5,M10.5.0/3", 1);
+    tzset();
+    EXPECT_EQ(3, UtcToLocalSystemTime(quarterPastTwo).wHour);
     setenv("TZ", saved.c_str(), 1);
     if (saved.empty()) {
         unsetenv("TZ");
