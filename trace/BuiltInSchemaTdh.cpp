@@ -233,6 +233,7 @@ bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,
     // one has, which is the one TDH would find.
     struct LastLocated {
         uint64_t serial = 0;
+        const Entry* entry = nullptr;
         const EVENT_RECORD* event = nullptr;
         const uint8_t* data = nullptr;
         size_t total = 0;
@@ -240,12 +241,11 @@ bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,
         Span span{};
     };
     thread_local LastLocated last;
-    const bool sameEvent =
-        last.serial == serial_ && last.event == &event && last.data == data && last.total == total;
+    const bool sameEvent = last.serial == serial_ && last.entry == &entry && last.event == &event &&
+                           last.data == data && last.total == total;
     if (sameEvent) {
         for (const uint16_t i : {last.index, static_cast<uint16_t>(last.index + 1)}) {
-            if (i > 0 && i < entry.schema->propertyCount && entry.firstOfItsName[i] &&
-                isNamed(i)) {
+            if (i > 0 && i < entry.schema->propertyCount && entry.firstOfItsName[i] && isNamed(i)) {
                 const size_t offset =
                     i == last.index ? last.span.offset : last.span.offset + last.span.size;
                 const size_t available = total - std::min(offset, total);
@@ -272,7 +272,7 @@ bool BuiltInSchemaTdh::Locate(const Entry& entry, const EVENT_RECORD& event,
             std::min(PropertySize(property, data + offset, available, pointer32), available);
         if (isNamed(i)) {
             *span = Span{offset, size};
-            last = {serial_, &event, data, total, i, *span};
+            last = {serial_, &entry, &event, data, total, i, *span};
             return true;
         }
         offset += size;
