@@ -15,9 +15,9 @@ constexpr float kTicksPerSecond = 10'000'000.0f;
 constexpr wchar_t kTotalScriptTime[] = L"Total Group Policy Logon Script Time";
 
 // The file name of an image path; process start events carry the full path.
-std::wstring ImageFileName(const std::wstring& image) {
+std::wstring_view ImageFileName(std::wstring_view image) {
     const size_t separator = image.find_last_of(L'\\');
-    return separator == std::wstring::npos ? image : image.substr(separator + 1);
+    return separator == std::wstring_view::npos ? image : image.substr(separator + 1);
 }
 
 // "YYYY-MM-DDTHH:MM:SS:mmm" as a FILETIME: in UTC with a trailing "Z", else
@@ -101,10 +101,10 @@ void LogonProcessor::Process_Started(EventRecordData& record) {
         return;
     }
     SESSION_CONTEXT& context = *record.sessionContext;
-    const std::wstring image = PropertyText(record, L"ImageName");
+    const std::wstring& image = PropertyText(record, L"ImageName");
     const uint32_t parentId = ParseDecimal(PropertyText(record, L"ParentProcessID")).value_or(0);
     const auto processId = ParseDecimal(PropertyText(record, L"ProcessID"));
-    const std::wstring fileName = ImageFileName(image);
+    const std::wstring_view fileName = ImageFileName(image);
 
     if (EqualsIgnoreCase(fileName, L"GPSCRIPT.EXE")) {
         if (!processId) {
