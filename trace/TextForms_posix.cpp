@@ -93,6 +93,16 @@ struct HourOffset {
     bool Holds(int64_t wanted) const { return hour == wanted && zone == CurrentZone(); }
 };
 
+// The whole seconds from 1970 to `time` read as UTC; none for fields out of
+// range.
+std::optional<int64_t> SecondsSince1970(const SYSTEMTIME& time) {
+    uint64_t fileTime = 0;
+    if (!SystemTimeToFileTimeValue(time, &fileTime)) {
+        return std::nullopt;
+    }
+    return static_cast<int64_t>(fileTime / kUnitsPerSecond) - kSecondsFrom1601To1970;
+}
+
 // mktime of a local time, the zone's rules deciding daylight saving time.
 std::optional<int64_t> MakeTime(const SYSTEMTIME& local) {
     std::tm fields{};
@@ -113,12 +123,11 @@ std::optional<int64_t> MakeTime(const SYSTEMTIME& local) {
 }  // namespace
 
 SYSTEMTIME UtcToLocalSystemTime(const SYSTEMTIME& utc) {
-    uint64_t fileTime = 0;
-    if (!SystemTimeToFileTimeValue(utc, &fileTime)) {
+    const std::optional<int64_t> since1970 = SecondsSince1970(utc);
+    if (!since1970) {
         return utc;
     }
-    const int64_t seconds =
-        static_cast<int64_t>(fileTime / kUnitsPerSecond) - kSecondsFrom1601To1970;
+    const int64_t seconds = *since1970;
     thread_local HourOffset last;
     const int64_t hour = HourOf(seconds);
     if (last.Holds(hour)) {
@@ -139,14 +148,13 @@ SYSTEMTIME UtcToLocalSystemTime(const SYSTEMTIME& utc) {
 }
 
 bool LocalSystemTimeToFileTime(const SYSTEMTIME& local, uint64_t* fileTime) {
-    // The local time read as if it were UTC: its fields checked, and its
-    // distance from the epoch in local seconds.
-    uint64_t asIfUtc = 0;
-    if (!SystemTimeToFileTimeValue(local, &asIfUtc)) {
+    // The local time read as if it were UTC: its distance from the epoch in
+    // local seconds.
+    const std::optional<int64_t> since1970 = SecondsSince1970(local);
+    if (!since1970) {
         return false;
     }
-    const int64_t localSeconds =
-        static_cast<int64_t>(asIfUtc / kUnitsPerSecond) - kSecondsFrom1601To1970;
+    const int64_t localSeconds = *since1970;
     // Kept by local hour, where mktime found the offset the same from the
     // hour's start to its end.
     thread_local HourOffset last;
