@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <vector>
 
 #include "trace/EtlLayout.h"
@@ -52,37 +53,37 @@ class Clock {
     int64_t startTime_ = 0;
 };
 
-// Kept small: a trace holds millions.
-struct IndexedRecord {
+// Where an event record lies and what delivering it needs. Kept small: an
+// out-of-order trace is indexed with one for each of its records.
+struct RecordAt {
     int64_t timestamp;  // already converted
     size_t offset;
     uint32_t bufferContext;
     uint16_t size;  // EVENT_HEADER.Size is 16 bits
     uint16_t itemCount;
 };
-static_assert(sizeof(IndexedRecord) <= 24);
+static_assert(sizeof(RecordAt) <= 24);
 
 class EtlParser {
   public:
     EtlParser(const uint8_t* data, size_t size) : data_(data), size_(size) {}
 
-    // Indexes every EVENT_HEADER record; returns the damage, if any.
-    std::string Index() {
+    // Calls `visit` with every event record up to the first damage, in file
+    // order, until it returns false. Returns the damage, if any.
+    template <typename Visit>
+    std::string Walk(Visit visit) {
         std::string error = ReadLogFileHeader();
         if (!error.empty()) {
             return error;
         }
-        // Records rarely take less than this with their extended data; one
-        // allocation then holds the whole index.
-        constexpr size_t kTypicalRecordSize = 128;
-        records_.reserve(size_ / kTypicalRecordSize);
         const size_t buffersInFile = (size_ + bufferSize_ - 1) / bufferSize_;
         const size_t buffersToRead =
             buffersWritten_ != 0 ? std::min<size_t>(buffersWritten_, buffersInFile) : buffersInFile;
-        for (size_t buffer = 0; buffer < buffersToRead && error.empty(); ++buffer) {
-            error = IndexBuffer(buffer * bufferSize_);
+        bool goOn = true;
+        for (size_t buffer = 0; buffer < buffersToRead && goOn && error.empty(); ++buffer) {
+            error = WalkBuffer(buffer * bufferSize_, visit, &goOn);
         }
-        if (error.empty() && buffersWritten_ > buffersInFile) {
+        if (goOn && error.empty() && buffersWritten_ > buffersInFile) {
             error = AtOffset("the log-file header counts " + std::to_string(buffersWritten_) +
                                  " buffers, the file holds " + std::to_string(buffersInFile) +
                                  "; the next is missing",
@@ -91,47 +92,41 @@ class EtlParser {
         return error;
     }
 
-    uint64_t Deliver(const std::function<void(const EVENT_RECORD&)>& onEvent) {
-        if (!std::is_sorted(records_.begin(), records_.end(), EarlierThan)) {
-            std::stable_sort(records_.begin(), records_.end(), EarlierThan);
+    void Deliver(const RecordAt& at, const std::function<void(const EVENT_RECORD&)>& onEvent) {
+        EVENT_RECORD record{};
+        const uint8_t* start = data_ + at.offset;
+        const uint8_t* end = start + at.size;
+        std::memcpy(&record.EventHeader, start, kEventHeaderSize);
+        record.EventHeader.TimeStamp.QuadPart = at.timestamp;
+        std::memcpy(&record.BufferContext, &at.bufferContext, sizeof(uint32_t));
+        const uint8_t* next = start + kEventHeaderSize;
+        items_.resize(at.itemCount);
+        for (uint16_t i = 0; i < at.itemCount; ++i) {
+            EVENT_HEADER_EXTENDED_DATA_ITEM& item = items_[i];
+            item = EVENT_HEADER_EXTENDED_DATA_ITEM{};
+            item.ExtType = Load<uint16_t>(next + kItemTypeOffset);
+            item.Linkage = i + 1 < at.itemCount ? 1 : 0;
+            item.DataSize = Load<uint16_t>(next + kItemDataSizeOffset);
+            item.DataPtr = reinterpret_cast<uintptr_t>(next + kItemHeaderSize);
+            next += Load<uint16_t>(next + kItemSizeOffset);
         }
-        std::vector<EVENT_HEADER_EXTENDED_DATA_ITEM> items;
-        for (size_t next = 0; next < records_.size(); ++next) {
-            const IndexedRecord& indexed = records_[next];
-            if (next + kDeliverAhead < records_.size()) {
-                __builtin_prefetch(data_ + records_[next + kDeliverAhead].offset);
-            }
-            EVENT_RECORD record{};
-            const uint8_t* start = data_ + indexed.offset;
-            const uint8_t* end = start + indexed.size;
-            std::memcpy(&record.EventHeader, start, kEventHeaderSize);
-            record.EventHeader.TimeStamp.QuadPart = indexed.timestamp;
-            std::memcpy(&record.BufferContext, &indexed.bufferContext, sizeof(uint32_t));
-            const uint8_t* at = start + kEventHeaderSize;
-            items.resize(indexed.itemCount);
-            for (uint16_t i = 0; i < indexed.itemCount; ++i) {
-                EVENT_HEADER_EXTENDED_DATA_ITEM& item = items[i];
-                item = EVENT_HEADER_EXTENDED_DATA_ITEM{};
-                item.ExtType = Load<uint16_t>(at + kItemTypeOffset);
-                item.Linkage = i + 1 < indexed.itemCount ? 1 : 0;
-                item.DataSize = Load<uint16_t>(at + kItemDataSizeOffset);
-                item.DataPtr = reinterpret_cast<uintptr_t>(at + kItemHeaderSize);
-                at += Load<uint16_t>(at + kItemSizeOffset);
-            }
-            record.ExtendedDataCount = indexed.itemCount;
-            record.ExtendedData = items.empty() ? nullptr : items.data();
-            record.UserDataLength = static_cast<uint16_t>(end - at);
-            record.UserData = at == end ? nullptr : const_cast<uint8_t*>(at);
-            onEvent(record);
-        }
-        return records_.size();
+        record.ExtendedDataCount = at.itemCount;
+        record.ExtendedData = items_.empty() ? nullptr : items_.data();
+        record.UserDataLength = static_cast<uint16_t>(end - next);
+        record.UserData = next == end ? nullptr : const_cast<uint8_t*>(next);
+        onEvent(record);
+    }
+
+    // Asks for a record some records ahead of the one delivered from an index.
+    void Prefetch(const RecordAt& ahead) const { __builtin_prefetch(data_ + ahead.offset); }
+
+    // Records rarely take less than this with their extended data.
+    size_t TypicalRecordCount() const {
+        constexpr size_t kTypicalRecordSize = 128;
+        return size_ / kTypicalRecordSize;
     }
 
   private:
-    static bool EarlierThan(const IndexedRecord& left, const IndexedRecord& right) {
-        return left.timestamp < right.timestamp;
-    }
-
     std::string ReadLogFileHeader() {
         constexpr size_t kRecord = kBufferHeaderSize;
         const auto tooShort = [this] {
@@ -189,12 +184,11 @@ class EtlParser {
         return {};
     }
 
-    // How far ahead of the record at hand the file is asked for: in bytes
-    // while indexing, in records while delivering.
+    // How far ahead of the record at hand the file is asked for while walking.
     static constexpr size_t kReadAhead = 1024;
-    static constexpr size_t kDeliverAhead = 8;
 
-    std::string IndexBuffer(size_t buffer) {
+    template <typename Visit>
+    std::string WalkBuffer(size_t buffer, Visit& visit, bool* goOn) {
         if (size_ - buffer < bufferSize_) {
             return AtOffset("truncated buffer: " + std::to_string(size_ - buffer) + " of " +
                                 std::to_string(bufferSize_) + " bytes",
@@ -214,21 +208,28 @@ class EtlParser {
                 buffer + kFilledOffset);
         }
         const auto context = Load<uint32_t>(header + kClientContextOffset);
-        for (size_t at = buffer + kBufferHeaderSize; at < buffer + filled;) {
+        for (size_t at = buffer + kBufferHeaderSize; at < buffer + filled && *goOn;) {
             // Each record's size leads to the next, so that the reads cannot
             // overlap by themselves: asking early for what lies ahead does.
             __builtin_prefetch(data_ + std::min(at + kReadAhead, size_ - 1));
             size_t recordSize = 0;
-            std::string error = IndexRecord(at, buffer + filled, context, &recordSize);
+            std::optional<RecordAt> event;
+            std::string error = ReadRecord(at, buffer + filled, context, &recordSize, &event);
             if (!error.empty()) {
                 return error;
+            }
+            if (event) {
+                *goOn = visit(*event);
             }
             at += AlignRecord(recordSize);
         }
         return {};
     }
 
-    std::string IndexRecord(size_t at, size_t end, uint32_t context, size_t* recordSize) {
+    // Reads the record at `at`, which its buffer's data ends at `end`: its
+    // size, and where it is an event record, what delivering it needs.
+    std::string ReadRecord(size_t at, size_t end, uint32_t context, size_t* recordSize,
+                           std::optional<RecordAt>* event) const {
         if (end - at < 2 * sizeof(uint32_t)) {
             return AtOffset("a record header is cut off by the end of its buffer's data", at);
         }
@@ -279,8 +280,8 @@ class EtlParser {
             }
         }
         const int64_t raw = Load<int64_t>(record + offsetof(EVENT_HEADER, TimeStamp));
-        records_.push_back(IndexedRecord{clock_.ToFileTime(raw), at, context,
-                                         static_cast<uint16_t>(size), itemCount});
+        *event =
+            RecordAt{clock_.ToFileTime(raw), at, context, static_cast<uint16_t>(size), itemCount};
         return {};
     }
 
@@ -289,8 +290,32 @@ class EtlParser {
     uint32_t bufferSize_ = 0;
     uint32_t buffersWritten_ = 0;
     Clock clock_;
-    std::vector<IndexedRecord> records_;
+    std::vector<EVENT_HEADER_EXTENDED_DATA_ITEM> items_;
 };
+
+// A trace whose records are out of time order is indexed and sorted first.
+// Equal times keep their order in the file.
+uint64_t DeliverSorted(EtlParser& parser, std::string* error,
+                       const std::function<void(const EVENT_RECORD&)>& onEvent) {
+    std::vector<RecordAt> records;
+    records.reserve(parser.TypicalRecordCount());
+    *error = parser.Walk([&records](const RecordAt& record) {
+        records.push_back(record);
+        return true;
+    });
+    std::stable_sort(records.begin(), records.end(),
+                     [](const RecordAt& left, const RecordAt& right) {
+                         return left.timestamp < right.timestamp;
+                     });
+    constexpr size_t kDeliverAhead = 8;
+    for (size_t next = 0; next < records.size(); ++next) {
+        if (next + kDeliverAhead < records.size()) {
+            parser.Prefetch(records[next + kDeliverAhead]);
+        }
+        parser.Deliver(records[next], onEvent);
+    }
+    return records.size();
+}
 
 }  // namespace
 
@@ -298,8 +323,25 @@ EtlReadResult ReadEtlBytes(const uint8_t* data, size_t size,
                            const std::function<void(const EVENT_RECORD&)>& onEvent) {
     EtlParser parser(data, size);
     EtlReadResult result;
-    result.error = parser.Index();
-    result.events = parser.Deliver(onEvent);
+    // Traces are mostly in time order already: then the file is walked once
+    // to find that out and once to deliver, with no index of every record.
+    bool inOrder = true;
+    int64_t latest = INT64_MIN;
+    std::string damage = parser.Walk([&inOrder, &latest](const RecordAt& record) {
+        inOrder = record.timestamp >= latest;
+        latest = record.timestamp;
+        return inOrder;
+    });
+    if (inOrder) {
+        parser.Walk([&parser, &result, &onEvent](const RecordAt& record) {
+            parser.Deliver(record, onEvent);
+            ++result.events;
+            return true;
+        });
+    } else {
+        result.events = DeliverSorted(parser, &damage, onEvent);
+    }
+    result.error = std::move(damage);
     result.complete = result.error.empty();
     return result;
 }

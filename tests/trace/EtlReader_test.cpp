@@ -40,12 +40,15 @@ EtlReadResult ReadBytes(const std::string& bytes, std::vector<std::wstring>* eve
     });
 }
 
-// Six events whose timestamps are not in writing order, in buffers of 512
-// bytes: the header buffer and three event buffers of two records each.
-std::string WrittenTrace() {
+// Six events, by default not in writing order, in buffers of 512 bytes: the
+// header buffer and three event buffers of two records each.
+std::string WrittenTrace(bool inOrder = false) {
     std::stringstream out;
     EtlWriter writer(out, EtlWriterOptions{kBuffer, u"logonmon_test", u"C:\\test.etl"});
-    const uint64_t offsets[] = {30, 10, 30, 20, 60, 40};  // equal times keep their order
+    uint64_t offsets[] = {30, 10, 30, 20, 60, 40};  // equal times keep their order
+    if (inOrder) {
+        std::ranges::sort(offsets);
+    }
     for (uint16_t i = 0; i < 6; ++i) {
         EventBuilder builder;
         builder.Provider(i % 2 == 0 ? kWinlogon : kProfiles).EventId(100 + i).SessionId(i);
@@ -144,15 +147,17 @@ TEST(EtlReaderTest, DamageStopsWithItsOffsetAfterTheEventsBeforeIt) {
         {setU16(kFirstEvent + 2, 0x0013),
          "unknown record marker 0x001300B0 at offset " + std::to_string(kFirstEvent), 0},
     };
-    for (const auto& c : cases) {
-        std::string bytes = WrittenTrace();
-        c.damage(bytes);
-        std::vector<std::wstring> events;
-        const EtlReadResult result = ReadBytes(bytes, &events);
-        EXPECT_FALSE(result.complete);
-        EXPECT_NE(result.error.find(c.error), std::string::npos) << result.error;
-        EXPECT_EQ(result.events, c.eventsBefore) << c.error;
-        EXPECT_EQ(events.size(), c.eventsBefore) << c.error;
+    for (const bool inOrder : {false, true}) {
+        for (const auto& c : cases) {
+            std::string bytes = WrittenTrace(inOrder);
+            c.damage(bytes);
+            std::vector<std::wstring> events;
+            const EtlReadResult result = ReadBytes(bytes, &events);
+            EXPECT_FALSE(result.complete);
+            EXPECT_NE(result.error.find(c.error), std::string::npos) << result.error;
+            EXPECT_EQ(result.events, c.eventsBefore) << c.error << inOrder;
+            EXPECT_EQ(events.size(), c.eventsBefore) << c.error << inOrder;
+        }
     }
     EXPECT_EQ(ReadEtlFile("no such file.etl", [](const EVENT_RECORD&) {}).error,
               "cannot open no such file.etl");
