@@ -102,7 +102,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     try {
         logonmon::EventRecordData event(record);
         std::wstring text = event.MessageText();
-        const std::string line = event.LogPrefix() + event.LevelName();
+        char prefix[logonmon::EventRecordData::kLogPrefixSize];
+        const std::string line =
+            std::string(prefix, event.PutLogPrefix(prefix)) + event.LevelName();
         text.append(line.begin(), line.end());
         for (size_t i = 0; i <= event.propertyNames.size(); ++i) {
             text += event.PropertyName(i) + (event.userSid ? event.userSid->ToString() : L"");

@@ -1,7 +1,9 @@
 #include "log/LogLineFormat.h"
 
+#include <array>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include "log/LogWriter.h"
@@ -54,6 +56,38 @@ class EventSecondText {
     char text_[kTimestampSize] = {};
 };
 
+// The texts of the last few sources: the lines of a session log come from a
+// handful of providers.
+class SourceTexts {
+  public:
+    // Writes the text of `source` at `out`, as FormatWideText would.
+    int Put(char* out, size_t room, const wchar_t* source) {
+        const std::wstring_view wanted(source);
+        for (const Kept& kept : kept_) {
+            if (kept.text.size() < room && kept.source == wanted) {
+                std::memcpy(out, kept.text.data(), kept.text.size() + 1);
+                return static_cast<int>(kept.text.size());
+            }
+        }
+        const int length = logonmon::FormatWideText(out, room, source);
+        if (length >= 0) {
+            Kept& kept = kept_[next_];
+            next_ = (next_ + 1) % kept_.size();
+            kept.source = wanted;
+            kept.text.assign(out, static_cast<size_t>(length));
+        }
+        return length;
+    }
+
+  private:
+    struct Kept {
+        std::wstring source;
+        std::string text;
+    };
+    std::array<Kept, 8> kept_;
+    size_t next_ = 0;
+};
+
 }  // namespace
 
 const char* LevelTag(uint32_t level) {
@@ -85,6 +119,7 @@ int FormatEventPrefix(char* buffer, const logonmon::EventRecordData& record,
                       const wchar_t* function) {
     // The event's own time, so that a replayed trace shows the trace's times.
     thread_local EventSecondText second;
+    thread_local SourceTexts sourceTexts;
     const wchar_t* source = record.providerName.empty() ? function : record.providerName.c_str();
     // "%s%03d %s (%s) [%04d] [%ws] ", written by hand: every line of a session
     // log has one. The source's conversion stays the C runtime's.
@@ -94,12 +129,12 @@ int FormatEventPrefix(char* buffer, const logonmon::EventRecordData& record,
     *out++ = ' ';
     out = PutText(out, record.LevelName());
     out = PutText(out, " (");
-    out = PutText(out, record.LogPrefix());
+    out = record.PutLogPrefix(out);
     out = PutText(out, ") [");
     out = logonmon::PutDecimal(out, record.eventId, 4);
     out = PutText(out, "] [");
     const size_t written = static_cast<size_t>(out - buffer);
-    const int sourceLength = logonmon::FormatWideText(out, kLogLineBufferSize - written, source);
+    const int sourceLength = sourceTexts.Put(out, kLogLineBufferSize - written, source);
     if (sourceLength < 0) {
         return -1;
     }

@@ -316,21 +316,19 @@ std::string EventRecordData::LevelName() const {
     }
 }
 
-std::string EventRecordData::LogPrefix() const {
+char* EventRecordData::PutLogPrefix(char* out) const {
     // Written by hand: this is on every line of a session log.
     const auto session =
         static_cast<int32_t>(sessionIdOverride != nullptr ? *sessionIdOverride : sessionId);
-    char text[32];
-    char* out = PutHex(text, processId, 4);
+    out = PutHex(out, processId, 4);
     *out++ = '-';
     out = PutHex(out, threadId, 4);
     *out++ = '-';
     if (session < 0) {
         *out++ = '-';
     }
-    out = PutDecimal(
+    return PutDecimal(
         out, session < 0 ? 0u - static_cast<uint32_t>(session) : static_cast<uint32_t>(session));
-    return std::string(text, out);
 }
 
 std::wstring EventRecordData::MessageText() {

@@ -104,8 +104,10 @@ class EventRecordData {
 
     // "NONE", "CRITICAL", ... or the level as a decimal number.
     std::string LevelName() const;
-    // "%04x-%04x-%d": process id, thread id, session id (or its override).
-    std::string LogPrefix() const;
+    // "%04x-%04x-%d": process id, thread id, session id (or its override),
+    // at `out`, which has room for kLogPrefixSize; returns the end.
+    static constexpr size_t kLogPrefixSize = 32;
+    char* PutLogPrefix(char* out) const;
     // The message template with its inserts, or text built from the names.
     std::wstring MessageText();
 

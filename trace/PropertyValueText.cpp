@@ -52,11 +52,14 @@ std::wstring SidText(const PropertyBytes& value) {
     return sid ? sid->ToString() : std::wstring();
 }
 
-std::wstring SystemTimeText(const SYSTEMTIME& time) {
+void AssignSystemTimeText(std::wstring& text, const SYSTEMTIME& time) {
     uint64_t fileTime = 0;
     // Fields out of range give no text rather than an invented date.
-    return SystemTimeToFileTimeValue(time, &fileTime) ? TimestampText(fileTime, true)
-                                                      : std::wstring();
+    if (SystemTimeToFileTimeValue(time, &fileTime)) {
+        AssignTimestampText(text, fileTime, true);
+    } else {
+        text.clear();
+    }
 }
 
 }  // namespace
@@ -127,10 +130,10 @@ void AssignPropertyValueText(std::wstring& text, const PropertyReader& reader, u
             text = GuidText(reader.ReadFixed<GUID>(), true);
             break;
         case kInTypeFileTime:
-            text = TimestampText(reader.ReadFixed<uint64_t>(), true);
+            AssignTimestampText(text, reader.ReadFixed<uint64_t>(), true);
             break;
         case kInTypeSystemTime:
-            text = SystemTimeText(reader.ReadFixed<SYSTEMTIME>());
+            AssignSystemTimeText(text, reader.ReadFixed<SYSTEMTIME>());
             break;
         case kInTypeSid:
             text = SidText(reader.ReadAllocated());

@@ -102,9 +102,21 @@ bool SystemTimeToFileTimeValue(const SYSTEMTIME& time, uint64_t* fileTime) {
     return true;
 }
 
-std::wstring TimestampText(uint64_t fileTime, bool local) {
+namespace {
+
+// Two digits of `value`, below 100.
+wchar_t* PutTwoDigits(wchar_t* out, unsigned value) {
+    out[0] = static_cast<wchar_t>(L'0' + value / 10);
+    out[1] = static_cast<wchar_t>(L'0' + value % 10);
+    return out + 2;
+}
+
+}  // namespace
+
+void AssignTimestampText(std::wstring& text, uint64_t fileTime, bool local) {
     if (fileTime == 0) {
-        return L"NULL";
+        text.assign(L"NULL");
+        return;
     }
     SYSTEMTIME time = FileTimeToUtcSystemTime(fileTime);
     if (local) {
@@ -112,27 +124,37 @@ std::wstring TimestampText(uint64_t fileTime, bool local) {
     }
     // "%04d-%02d-%02dT%02d:%02d:%02d:%03d", written by hand: decoding a trace
     // writes one for every time property.
-    char text[40];
-    char* out = PutDecimal(text, time.wYear, 4);
-    *out++ = '-';
-    out = PutDecimal(out, time.wMonth, 2);
-    *out++ = '-';
-    out = PutDecimal(out, time.wDay, 2);
-    *out++ = 'T';
-    out = PutDecimal(out, time.wHour, 2);
-    *out++ = ':';
-    out = PutDecimal(out, time.wMinute, 2);
-    *out++ = ':';
-    out = PutDecimal(out, time.wSecond, 2);
-    *out++ = ':';
-    out = PutDecimal(out, time.wMilliseconds, 3);
-    if (!local) {
-        *out++ = 'Z';
+    wchar_t wide[32];
+    wchar_t* out = wide;
+    if (time.wYear < 10000) {
+        out = PutTwoDigits(PutTwoDigits(out, time.wYear / 100u), time.wYear % 100u);
+    } else {
+        char year[8];
+        out = std::copy(year, PutDecimal(year, time.wYear), out);
     }
-    wchar_t wide[sizeof text];
-    const auto length = static_cast<size_t>(out - text);
-    std::copy(text, out, wide);
-    return std::wstring(wide, length);
+    *out++ = L'-';
+    out = PutTwoDigits(out, time.wMonth);
+    *out++ = L'-';
+    out = PutTwoDigits(out, time.wDay);
+    *out++ = L'T';
+    out = PutTwoDigits(out, time.wHour);
+    *out++ = L':';
+    out = PutTwoDigits(out, time.wMinute);
+    *out++ = L':';
+    out = PutTwoDigits(out, time.wSecond);
+    *out++ = L':';
+    *out++ = static_cast<wchar_t>(L'0' + time.wMilliseconds / 100u);
+    out = PutTwoDigits(out, time.wMilliseconds % 100u);
+    if (!local) {
+        *out++ = L'Z';
+    }
+    text.assign(wide, static_cast<size_t>(out - wide));
+}
+
+std::wstring TimestampText(uint64_t fileTime, bool local) {
+    std::wstring text;
+    AssignTimestampText(text, fileTime, local);
+    return text;
 }
 
 namespace {

@@ -12,6 +12,8 @@ namespace logonmon {
 // "%04d-%02d-%02dT%02d:%02d:%02d:%03d%s" of a FILETIME (100 ns since 1601
 // UTC), in local time or in UTC with the suffix "Z"; "NULL" for 0.
 std::wstring TimestampText(uint64_t fileTime, bool local);
+// The same into `text`, reusing its storage.
+void AssignTimestampText(std::wstring& text, uint64_t fileTime, bool local);
 // `value` in decimal or lower-case hexadecimal, with at least `width` digits,
 // as printf's "%0*u" and "%0*x" write it, at `out`; returns the end.
 char* PutDecimal(char* out, uint64_t value, int width = 1);

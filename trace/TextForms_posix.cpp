@@ -65,7 +65,6 @@ bool OffsetHoldsForHour(int64_t hour, int64_t offset) {
 struct Zone {
     bool set = false;
     char name[64] = {};
-    bool operator==(const Zone&) const = default;
 };
 
 std::optional<Zone> CurrentZone() {
@@ -82,6 +81,12 @@ std::optional<Zone> CurrentZone() {
     return zone;
 }
 
+// Whether TZ names `zone` now; asked on every conversion.
+bool IsCurrent(const Zone& zone) {
+    const char* tz = std::getenv("TZ");
+    return tz == nullptr ? !zone.set : zone.set && std::strcmp(zone.name, tz) == 0;
+}
+
 // The zone's offset over one hour, kept from the hour asked for last: a
 // trace's times crowd into a few hours, and the C library's conversion is
 // what costs.
@@ -90,7 +95,7 @@ struct HourOffset {
     int64_t hour = INT64_MIN;
     int64_t offset = 0;
 
-    bool Holds(int64_t wanted) const { return hour == wanted && zone == CurrentZone(); }
+    bool Holds(int64_t wanted) const { return hour == wanted && IsCurrent(zone); }
 };
 
 // The whole seconds from 1970 to `time` read as UTC; none for fields out of

@@ -24,6 +24,11 @@ std::wstring Keys(const EventRecordData& data) {
     return keys;
 }
 
+std::string LogPrefix(const EventRecordData& data) {
+    char text[EventRecordData::kLogPrefixSize];
+    return std::string(text, data.PutLogPrefix(text));
+}
+
 TEST(EventRecordDataTest, HeaderUserDataLevelAndLogPrefix) {
     ScopedFakeTdh tdh;
     EventBuilder builder;
@@ -38,11 +43,11 @@ TEST(EventRecordDataTest, HeaderUserDataLevelAndLogPrefix) {
         GuidText(data.providerId) + L" " + GuidText(data.activityId) + L" " +
             std::to_wstring(data.eventId) + L" " + std::to_wstring(data.timestamp) + L" " +
             std::to_wstring(data.opcode));
-    EXPECT_EQ("ERROR 1a2b3-0007-2", data.LevelName() + " " + data.LogPrefix());
+    EXPECT_EQ("ERROR 1a2b3-0007-2", data.LevelName() + " " + LogPrefix(data));
     EXPECT_EQ((std::vector<uint8_t>{1, 2, 3}), data.userData);
     const uint32_t override = 9;
     data.sessionIdOverride = &override;
-    EXPECT_EQ("1a2b3-0007-9", data.LogPrefix());
+    EXPECT_EQ("1a2b3-0007-9", LogPrefix(data));
     record.UserData = nullptr;  // a length without a buffer is no data
     EXPECT_EQ(0u, EventRecordData(record).userDataLength);
 
@@ -54,7 +59,7 @@ TEST(EventRecordDataTest, HeaderUserDataLevelAndLogPrefix) {
     EXPECT_EQ("NONE CRITICAL WARN INFO VERBOSE 6 ", names);
     EventBuilder withoutSession;
     EXPECT_EQ("0010-0020--1",
-              EventRecordData(withoutSession.ProcessId(0x10).ThreadId(0x20).Record()).LogPrefix());
+              LogPrefix(EventRecordData(withoutSession.ProcessId(0x10).ThreadId(0x20).Record())));
 }
 
 TEST(EventRecordDataTest, SessionIdAndUserSidFromExtendedData) {

@@ -18,6 +18,7 @@ TEST(TextFormsTest, TimestampsAndTheirCalendar) {
         {10000, L"1601-01-01T00:00:00:001Z"},
         {125963423999990000, L"2000-02-29T23:59:59:999Z"},
         {2650467743999990000, L"9999-12-31T23:59:59:999Z"},
+        {2650467744001230000, L"10000-01-01T00:00:00:123Z"},
     };
     for (const auto& [fileTime, text] : cases) {
         EXPECT_EQ(text, TimestampText(fileTime, false));
