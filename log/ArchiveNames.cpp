@@ -22,9 +22,9 @@ std::wstring DateTimeText(const SYSTEMTIME& time, const wchar_t* separator) {
 }  // namespace
 
 SYSTEMTIME CurrentLocalTime() {
-    SYSTEMTIME utc;
-    GetSystemTime(&utc);
-    return logonmon::UtcToLocalSystemTime(utc);
+    SYSTEMTIME local;
+    GetLocalTime(&local);
+    return local;
 }
 
 std::wstring ArchiveName(const std::wstring& logFolder, const std::wstring& host,

@@ -42,8 +42,8 @@ class EventSecondText {
     const char* For(uint64_t fileTime) {
         const uint64_t second = fileTime / kFileTimeUnitsPerSecond;
         if (second != second_) {
-            const SYSTEMTIME time = logonmon::UtcToLocalSystemTime(
-                logonmon::FileTimeToUtcSystemTime(second * kFileTimeUnitsPerSecond));
+            const SYSTEMTIME time =
+                logonmon::FileTimeToLocalSystemTime(second * kFileTimeUnitsPerSecond);
             FormatInto(text_, sizeof text_, "%04d-%02d-%02dT%02d:%02d:%02d.", time.wYear,
                        time.wMonth, time.wDay, time.wHour, time.wMinute, time.wSecond);
             second_ = second;

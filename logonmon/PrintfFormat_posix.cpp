@@ -62,30 +62,33 @@ class Output {
     // Wide text as UTF-8; characters that cannot be encoded (surrogates,
     // beyond U+10FFFF) become U+FFFD.
     void AppendUtf8(const wchar_t* text, size_t length) {
-        // Blocks of ASCII that fit are copied a block at a time.
-        constexpr size_t kBlock = 8;
-        size_t i = 0;
+        // Blocks of ASCII that fit are narrowed a block at a time, in vector
+        // registers.
+        using Units = uint32_t __attribute__((vector_size(32)));
+        using Bytes = char __attribute__((vector_size(8)));
+        constexpr size_t kHalf = sizeof(Units) / sizeof(wchar_t);
         const size_t room = length_ < capacity_ ? capacity_ - length_ : 0;
         char* const out = buffer_ + std::min(length_, capacity_);
+        const size_t blocks = std::min(length, room) / (2 * kHalf);
         size_t copied = 0;
-        while (length - i >= kBlock && room - copied >= kBlock) {
-            // Read into locals first: stores through a char pointer could
-            // otherwise change the text for all the compiler knows.
-            uint32_t units[kBlock];
-            uint32_t any = 0;
-            for (size_t k = 0; k < kBlock; ++k) {
-                units[k] = static_cast<uint32_t>(text[i + k]);
-                any |= units[k];
-            }
-            if (any >= 0x80) {
+        for (size_t block = 0; block < blocks; ++block) {
+            Units first;
+            Units second;
+            std::memcpy(&first, text + copied, sizeof first);
+            std::memcpy(&second, text + copied + kHalf, sizeof second);
+            const Units high = (first | second) & ~0x7Fu;
+            uint64_t beyondAscii[sizeof high / sizeof(uint64_t)];
+            std::memcpy(beyondAscii, &high, sizeof high);
+            if ((beyondAscii[0] | beyondAscii[1] | beyondAscii[2] | beyondAscii[3]) != 0) {
                 break;
             }
-            for (size_t k = 0; k < kBlock; ++k) {
-                out[copied + k] = static_cast<char>(units[k]);
-            }
-            copied += kBlock;
-            i += kBlock;
+            const Bytes firstBytes = __builtin_convertvector(first, Bytes);
+            const Bytes secondBytes = __builtin_convertvector(second, Bytes);
+            std::memcpy(out + copied, &firstBytes, sizeof firstBytes);
+            std::memcpy(out + copied + kHalf, &secondBytes, sizeof secondBytes);
+            copied += 2 * kHalf;
         }
+        size_t i = copied;
         length_ += copied;
         for (; i < length; ++i) {
             // Runs of ASCII, by far the most of it, go straight in.

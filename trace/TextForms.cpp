@@ -118,10 +118,8 @@ void AssignTimestampText(std::wstring& text, uint64_t fileTime, bool local) {
         text.assign(L"NULL");
         return;
     }
-    SYSTEMTIME time = FileTimeToUtcSystemTime(fileTime);
-    if (local) {
-        time = UtcToLocalSystemTime(time);
-    }
+    const SYSTEMTIME time =
+        local ? FileTimeToLocalSystemTime(fileTime) : FileTimeToUtcSystemTime(fileTime);
     // "%04d-%02d-%02dT%02d:%02d:%02d:%03d", written by hand: decoding a trace
     // writes one for every time property.
     wchar_t wide[32];

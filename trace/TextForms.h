@@ -27,8 +27,8 @@ std::wstring GuidText(const GUID& guid, bool braces = true);
 
 // Calendar fields of a FILETIME in UTC.
 SYSTEMTIME FileTimeToUtcSystemTime(uint64_t fileTime);
-// The same instant in the machine's current time zone.
-SYSTEMTIME UtcToLocalSystemTime(const SYSTEMTIME& utc);
+// Calendar fields of a FILETIME in the machine's current time zone.
+SYSTEMTIME FileTimeToLocalSystemTime(uint64_t fileTime);
 // The FILETIME of a calendar time in the machine's current time zone; false
 // for fields out of range.
 bool LocalSystemTimeToFileTime(const SYSTEMTIME& local, uint64_t* fileTime);

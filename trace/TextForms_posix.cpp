@@ -127,29 +127,25 @@ std::optional<int64_t> MakeTime(const SYSTEMTIME& local) {
 
 }  // namespace
 
-SYSTEMTIME UtcToLocalSystemTime(const SYSTEMTIME& utc) {
-    const std::optional<int64_t> since1970 = SecondsSince1970(utc);
-    if (!since1970) {
-        return utc;
-    }
-    const int64_t seconds = *since1970;
+SYSTEMTIME FileTimeToLocalSystemTime(uint64_t fileTime) {
+    const int64_t seconds =
+        static_cast<int64_t>(fileTime / kUnitsPerSecond) - kSecondsFrom1601To1970;
+    const uint64_t belowSecond = fileTime % kUnitsPerSecond;
     thread_local HourOffset last;
     const int64_t hour = HourOf(seconds);
     if (last.Holds(hour)) {
-        SYSTEMTIME time = FileTimeToUtcSystemTime(UnitsOf(seconds + last.offset));
-        time.wMilliseconds = utc.wMilliseconds;
-        return time;
+        return FileTimeToUtcSystemTime(UnitsOf(seconds + last.offset) + belowSecond);
     }
     std::tm local{};
     const auto asTimeT = static_cast<time_t>(seconds);
     if (localtime_r(&asTimeT, &local) == nullptr) {
-        return utc;
+        return FileTimeToUtcSystemTime(fileTime);
     }
     const std::optional<Zone> zone = CurrentZone();
     if (zone && OffsetHoldsForHour(hour, local.tm_gmtoff)) {
         last = {*zone, hour, local.tm_gmtoff};
     }
-    return FromFields(local, utc.wMilliseconds);
+    return FromFields(local, static_cast<uint16_t>(belowSecond / 10'000));
 }
 
 bool LocalSystemTimeToFileTime(const SYSTEMTIME& local, uint64_t* fileTime) {

@@ -2,7 +2,8 @@
 
 namespace logonmon {
 
-SYSTEMTIME UtcToLocalSystemTime(const SYSTEMTIME& utc) {
+SYSTEMTIME FileTimeToLocalSystemTime(uint64_t fileTime) {
+    const SYSTEMTIME utc = FileTimeToUtcSystemTime(fileTime);
     SYSTEMTIME local{};
     if (!SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local)) {
         return utc;

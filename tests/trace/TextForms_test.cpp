@@ -51,7 +51,7 @@ TEST(TextFormsTest, LocalTimesAcrossDaylightSavingChanges) {
             const time_t seconds = static_cast<time_t>(utc / 10'000'000 - 11'644'473'600);
             std::tm expected{};
             localtime_r(&seconds, &expected);
-            const SYSTEMTIME local = UtcToLocalSystemTime(FileTimeToUtcSystemTime(utc));
+            const SYSTEMTIME local = FileTimeToLocalSystemTime(utc);
             EXPECT_EQ(expected.tm_hour, local.wHour) << utc;
             EXPECT_EQ(expected.tm_min, local.wMinute) << utc;
             uint64_t back = 0;
@@ -66,11 +66,11 @@ TEST(TextFormsTest, LocalTimesAcrossDaylightSavingChanges) {
     }
     // A zone of the same names and offset with other rules: nothing kept
     // under the first is used.
-    const SYSTEMTIME quarterPastTwo = FileTimeToUtcSystemTime(133563249000000000);
-    EXPECT_EQ(4, UtcToLocalSystemTime(quarterPastTwo).wHour);
+    constexpr uint64_t kQuarterPastTwo = 133563249000000000;
+    EXPECT_EQ(4, FileTimeToLocalSystemTime(kQuarterPastTwo).wHour);
     setenv("TZ", "CET-1CEST,M3.5.0/5,M10.5.0/3", 1);
     tzset();
-    EXPECT_EQ(3, UtcToLocalSystemTime(quarterPastTwo).wHour);
+    EXPECT_EQ(3, FileTimeToLocalSystemTime(kQuarterPastTwo).wHour);
     setenv("TZ", saved.c_str(), 1);
     if (saved.empty()) {
         unsetenv("TZ");
