@@ -134,24 +134,34 @@ std::wstring ExpandMessageTemplate(EventRecordData& data) {
 // property with its value. Built in one string: every event of a replayed
 // trace is written this way.
 std::wstring DescriptionFromNames(const EventRecordData& data) {
-    std::wstring text;
+    // Room for every part and separator, then written in place.
     size_t size = data.opcodeName.size() + data.taskName.size() + 16;
     for (const auto& [key, value] : data.properties) {
         size += key.size() + value.size() + 4;
     }
-    text.reserve(size);
+    std::wstring text(size, L'\0');
+    wchar_t* const begin = text.data();
+    wchar_t* out = begin;
+    const auto put = [&out](std::wstring_view part) {
+        if (!part.empty()) {
+            std::memcpy(out, part.data(), part.size() * sizeof(wchar_t));
+            out += part.size();
+        }
+    };
     if (!data.opcodeName.empty()) {
-        text.append(data.opcodeName).push_back(L' ');
+        put(data.opcodeName);
+        *out++ = L' ';
     }
-    const size_t start = text.size();
-    const auto descriptionSize = [&text, start] { return text.size() - start; };
-    text.append(data.taskName);
+    const wchar_t* const start = out;
+    const auto descriptionSize = [&out, start] { return static_cast<size_t>(out - start); };
+    put(data.taskName);
     const auto name = data.properties.find(L"name");
     if (name != data.properties.end() && name->second != data.taskName) {
         if (descriptionSize() > 1) {
-            text.push_back(L' ');
+            *out++ = L' ';
         }
-        text.append(L"Name: ").append(name->second);
+        put(L"Name: ");
+        put(name->second);
     }
     for (const auto& [key, value] : data.properties) {
         // Lengths first: most keys are none of the three.
@@ -162,12 +172,15 @@ std::wstring DescriptionFromNames(const EventRecordData& data) {
             continue;
         }
         if (descriptionSize() > 1) {
-            text.append(L", ");
+            put(L", ");
         }
         if (!value.empty() && std::iswprint(static_cast<wint_t>(value[0]))) {
-            text.append(key).append(L": ").append(value);
+            put(key);
+            put(L": ");
+            put(value);
         }
     }
+    text.resize(static_cast<size_t>(out - begin));
     return text;
 }
 

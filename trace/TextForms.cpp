@@ -1,6 +1,8 @@
 #include "trace/TextForms.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cstring>
 #include <cstdio>
 
@@ -157,20 +159,53 @@ std::wstring TimestampText(uint64_t fileTime, bool local) {
 
 namespace {
 
+// "00", "01", ... "99": decimal digits are written two at a time.
+constexpr auto kDecimalPairs = [] {
+    std::array<char, 200> pairs{};
+    for (int i = 0; i < 100; ++i) {
+        pairs[2 * i] = static_cast<char>('0' + i / 10);
+        pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+    }
+    return pairs;
+}();
+
+template <unsigned kBase, typename Unsigned>
+int DigitCount(Unsigned value) {
+    if constexpr (kBase == 16) {
+        return std::max(1, (static_cast<int>(std::bit_width(value)) + 3) / 4);
+    } else {
+        int count = 1;
+        for (uint64_t power = 10; count < 20 && value >= power; power *= 10) {
+            ++count;
+        }
+        return count;
+    }
+}
+
 // Counts the digits first, then writes them from the last, zeros padding.
 template <unsigned kBase, typename Unsigned>
 char* PutDigits(char* out, Unsigned value, int width) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    int count = 1;
-    for (Unsigned rest = value / kBase; rest != 0; rest /= kBase) {
-        ++count;
+    char* const end = out + std::max(DigitCount<kBase>(value), width);
+    char* at = end;
+    if constexpr (kBase == 16) {
+        do {
+            *--at = "0123456789abcdef"[value % 16];
+            value /= 16;
+        } while (value != 0);
+    } else {
+        for (; value >= 100; value /= 100) {
+            at -= 2;
+            std::memcpy(at, &kDecimalPairs[value % 100 * 2], 2);
+        }
+        if (value >= 10) {
+            at -= 2;
+            std::memcpy(at, &kDecimalPairs[value * 2], 2);
+        } else {
+            *--at = static_cast<char>('0' + value);
+        }
     }
-    const int total = std::max(count, width);
-    for (int at = total - 1; at >= 0; --at) {
-        out[at] = kDigits[value % kBase];
-        value /= kBase;
-    }
-    return out + total;
+    std::fill(out, at, '0');
+    return end;
 }
 
 }  // namespace
