@@ -19,7 +19,10 @@ constexpr std::array<const wchar_t*, 14> kWinlogonNotifications = {
 // What std::to_wstring writes for an integer, without the C library's
 // formatting machinery, which is most of the cost of a number property.
 void AssignDecimal(std::wstring& text, uint64_t magnitude, bool negative = false) {
-    text.assign(negative ? L"-" : L"");
+    text.clear();
+    if (negative) {
+        text.push_back(L'-');
+    }
     AppendDecimal(text, magnitude);
 }
 

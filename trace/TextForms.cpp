@@ -148,7 +148,9 @@ void AssignTimestampText(std::wstring& text, uint64_t fileTime, bool local) {
     if (!local) {
         *out++ = L'Z';
     }
-    text.assign(wide, static_cast<size_t>(out - wide));
+    // Cleared and appended: the text is never part of what it is set to.
+    text.clear();
+    text.append(wide, static_cast<size_t>(out - wide));
 }
 
 std::wstring TimestampText(uint64_t fileTime, bool local) {
@@ -239,7 +241,7 @@ void AppendDecimal(std::wstring& text, uint64_t value) {
         *--start = static_cast<wchar_t>(L'0' + value % 10);
         value /= 10;
     } while (value != 0);
-    text.append(start, end);
+    text.append(start, static_cast<size_t>(end - start));
 }
 
 std::wstring WideFromUtf16(const char16_t* text, size_t maxUnits) {
