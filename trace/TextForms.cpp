@@ -72,10 +72,22 @@ SYSTEMTIME FileTimeToUtcSystemTime(uint64_t fileTime) {
     const uint64_t seconds = fileTime / kTicksPerSecond;
     const uint64_t daysSince1601 = seconds / kSecondsPerDay;
     const uint64_t secondOfDay = seconds % kSecondsPerDay;
-    int64_t year = 0;
-    unsigned month = 0;
-    unsigned day = 0;
-    CivilFromDays(static_cast<int64_t>(daysSince1601) - kDaysFrom1601To1970, &year, &month, &day);
+    // The date of the day asked for last, kept per thread: times come in
+    // runs of the same day.
+    thread_local struct {
+        uint64_t daysSince1601 = UINT64_MAX;
+        int64_t year = 0;
+        unsigned month = 0;
+        unsigned day = 0;
+    } last;
+    if (last.daysSince1601 != daysSince1601) {
+        last.daysSince1601 = daysSince1601;
+        CivilFromDays(static_cast<int64_t>(daysSince1601) - kDaysFrom1601To1970, &last.year,
+                      &last.month, &last.day);
+    }
+    const int64_t year = last.year;
+    const unsigned month = last.month;
+    const unsigned day = last.day;
 
     SYSTEMTIME time{};
     time.wYear = static_cast<uint16_t>(year);
