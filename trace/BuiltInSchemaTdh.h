@@ -26,6 +26,8 @@ class BuiltInSchemaTdh final : public TdhApi {
                              uint32_t* propertySize) override;
     uint32_t GetProperty(const EVENT_RECORD& event, const PROPERTY_DATA_DESCRIPTOR& descriptor,
                          uint32_t bufferSize, uint8_t* buffer) override;
+    // The table is fixed: only the fallback may learn a schema.
+    bool SchemasMayAppear() const override { return fallback_.SchemasMayAppear(); }
 
   private:
     // Provider, event id and version, compared as bytes.

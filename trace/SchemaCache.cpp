@@ -71,8 +71,9 @@ std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& recor
     // most events find theirs here without taking the lock. One of a binding
     // gone is never served, as the key holds the generation.
     struct RecentSchema {
+        bool filled = false;
         SchemaKey key{};
-        std::shared_ptr<const DecodedSchema> schema;
+        std::shared_ptr<const DecodedSchema> schema;  // null: the event has none
     };
     constexpr size_t kSlots = 128;
     constexpr size_t kProbes = 4;
@@ -81,10 +82,10 @@ std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& recor
     RecentSchema* slot = nullptr;
     for (size_t probe = 0; probe < kProbes; ++probe) {
         RecentSchema& candidate = recent[(home + probe) % kSlots];
-        if (candidate.schema && candidate.key == key) {
+        if (candidate.filled && candidate.key == key) {
             return candidate.schema;
         }
-        if (slot == nullptr && (!candidate.schema || candidate.key[0] != key[0])) {
+        if (slot == nullptr && (!candidate.filled || candidate.key[0] != key[0])) {
             slot = &candidate;
         }
     }
@@ -103,15 +104,15 @@ std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& recor
             generation = key[0];
         }
         if (const auto found = schemas.find(key); found != schemas.end()) {
-            *slot = {key, found->second};
+            *slot = {true, key, found->second};
             return found->second;
         }
     }
     std::shared_ptr<const DecodedSchema> schema = Fetch(record, tdh);
-    // Events without a schema are asked again: a manifest may be installed
-    // meanwhile.
-    if (schema && schema->decodingSource != kDecodingSourceTraceLogging) {
-        *slot = {key, schema};
+    const bool keep =
+        schema ? schema->decodingSource != kDecodingSourceTraceLogging : !tdh.SchemasMayAppear();
+    if (keep) {
+        *slot = {true, key, schema};
         std::lock_guard<std::mutex> lock(mutex);
         schemas.emplace(key, schema);
     }

@@ -13,7 +13,8 @@ namespace logonmon {
 // The schema of `record` from `tdh` with its texts, fetched and decoded on the
 // first event of its kind (provider, id, version, opcode, level, keyword) and
 // kept while the same binding is installed. TraceLogging events carry their
-// own schema and are always asked for. Null when the event has no schema.
+// own schema and are always asked for. Null when the event has no schema;
+// asked for again where one may appear.
 // Thread-safe.
 std::shared_ptr<const DecodedSchema> CachedEventSchema(const EVENT_RECORD& record, TdhApi& tdh);
 

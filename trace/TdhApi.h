@@ -23,6 +23,9 @@ class TdhApi {
     virtual uint32_t GetProperty(const EVENT_RECORD& event,
                                  const PROPERTY_DATA_DESCRIPTOR& descriptor, uint32_t bufferSize,
                                  uint8_t* buffer) = 0;
+    // Whether an event without a schema may have one later, its provider's
+    // manifest installed meanwhile: then it is asked about again.
+    virtual bool SchemasMayAppear() const { return true; }
 };
 
 // The platform's binding.

@@ -17,6 +17,7 @@ class NoTdh final : public TdhApi {
                          uint8_t*) override {
         return etw::kErrorNotSupported;
     }
+    bool SchemasMayAppear() const override { return false; }
 };
 
 }  // namespace

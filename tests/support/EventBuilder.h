@@ -136,8 +136,11 @@ class FakeTdh : public logonmon::TdhApi {
     uint32_t GetProperty(const EVENT_RECORD& event, const PROPERTY_DATA_DESCRIPTOR& descriptor,
                          uint32_t bufferSize, uint8_t* buffer) override;
 
+    bool SchemasMayAppear() const override { return schemasMayAppear; }
+
     uint32_t failPropertySizeWith = 0;  // non-zero: GetPropertySize answers this
     uint32_t failPropertyWith = 0;      // non-zero: GetProperty answers this
+    bool schemasMayAppear = true;
 };
 
 // Installs a FakeTdh for its lifetime.

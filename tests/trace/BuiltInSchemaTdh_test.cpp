@@ -116,6 +116,20 @@ TEST(BuiltInSchemaTdhTest, NamesAsTdhReportsThemAndUnknownEventsGoToTheFallback)
                                L"|" + data.properties[L"Event"])
             << c.id;
     }
+    // An unknown event without a schema is asked about again only where its
+    // schema may appear meanwhile.
+    for (const bool mayAppear : {true, false}) {
+        BuiltInDecoder fresh;
+        fresh.fallback.schemasMayAppear = mayAppear;
+        EventBuilder bare;
+        EventRecordData(bare.Provider(providers::kUserProfilesThreads).EventId(3).Record());
+        EventBuilder described;
+        EventRecordData data(described.Provider(providers::kUserProfilesThreads)
+                                 .EventId(3)
+                                 .Property(UInt32Property(L"Event", 2))
+                                 .Record());
+        EXPECT_EQ(mayAppear ? L"2" : L"", data.properties[L"Event"]) << mayAppear;
+    }
 }
 
 // The built-in schemas serve the events the system has no schema for, said once.
