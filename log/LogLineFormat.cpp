@@ -62,6 +62,9 @@ class SourceTexts {
   public:
     // Writes the text of `source` at `out`, as FormatWideText would.
     int Put(char* out, size_t room, const wchar_t* source) {
+        if (source == nullptr) {
+            return logonmon::FormatWideText(out, room, source);
+        }
         const std::wstring_view wanted(source);
         for (const Kept& kept : kept_) {
             if (kept.text.size() < room && kept.source == wanted) {

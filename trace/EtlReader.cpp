@@ -333,11 +333,15 @@ EtlReadResult ReadEtlBytes(const uint8_t* data, size_t size,
         return inOrder;
     });
     if (inOrder) {
-        parser.Walk([&parser, &result, &onEvent](const RecordAt& record) {
+        // A file still being written may have changed since.
+        std::string delivered = parser.Walk([&parser, &result, &onEvent](const RecordAt& record) {
             parser.Deliver(record, onEvent);
             ++result.events;
             return true;
         });
+        if (damage.empty()) {
+            damage = std::move(delivered);
+        }
     } else {
         result.events = DeliverSorted(parser, &damage, onEvent);
     }

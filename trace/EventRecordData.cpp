@@ -130,15 +130,15 @@ std::wstring ExpandMessageTemplate(EventRecordData& data) {
     return text;
 }
 
-// The opcode's name, then the task's, the event's "name" and every other
-// property with its value. Built in one string: every event of a replayed
-// trace is written this way.
 // Printable ASCII is printable in every locale: the locale is asked only
 // about the rest.
 bool IsPrintable(wchar_t c) {
     return (c >= L' ' && c < 0x7F) || std::iswprint(static_cast<wint_t>(c));
 }
 
+// The opcode's name, then the task's, the event's "name" and every other
+// property with its value. Built in one string: every event of a replayed
+// trace is written this way.
 std::wstring DescriptionFromNames(const EventRecordData& data) {
     // Room for every part and separator, then written in place.
     size_t size = data.opcodeName.size() + data.taskName.size() + 16;

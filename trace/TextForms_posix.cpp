@@ -12,6 +12,8 @@ namespace {
 constexpr int64_t kSecondsFrom1601To1970 = 11'644'473'600;
 constexpr int64_t kSecondsPerHour = 3600;
 constexpr uint64_t kUnitsPerSecond = 10'000'000;
+// 30827-12-31T23:59:59.9999999.
+constexpr uint64_t kLastSystemTime = 0x7FFF35F4F06C7FFF;
 
 int64_t HourOf(int64_t seconds) {
     return (seconds >= 0 ? seconds : seconds - (kSecondsPerHour - 1)) / kSecondsPerHour;
@@ -128,6 +130,10 @@ std::optional<int64_t> MakeTime(const SYSTEMTIME& local) {
 }  // namespace
 
 SYSTEMTIME FileTimeToLocalSystemTime(uint64_t fileTime) {
+    // Beyond the last SYSTEMTIME, as Windows refuses to convert: the UTC fields.
+    if (fileTime > kLastSystemTime) {
+        return FileTimeToUtcSystemTime(fileTime);
+    }
     const int64_t seconds =
         static_cast<int64_t>(fileTime / kUnitsPerSecond) - kSecondsFrom1601To1970;
     const uint64_t belowSecond = fileTime % kUnitsPerSecond;

@@ -56,6 +56,7 @@ TEST(PrintfFormatTest, TruncationInAFixedBuffer) {
     char buffer[8];
     EXPECT_EQ(FormatToBuffer(buffer, sizeof buffer, "%ws", L"1234567"), 7);
     EXPECT_STREQ(buffer, "1234567");
+    EXPECT_EQ(FormatToBuffer(buffer, sizeof buffer, "%ws", L"12345678"), -1);
     EXPECT_EQ(FormatToBuffer(buffer, sizeof buffer, "%ws", L"12345678901234567890"), -1);
     EXPECT_STREQ(buffer, "1234567");
     EXPECT_EQ(FormatToBuffer(buffer, sizeof buffer, "%.2f", 1234.5), 7);

@@ -71,6 +71,8 @@ TEST(TextFormsTest, LocalTimesAcrossDaylightSavingChanges) {
     setenv("TZ", "CET-1CEST,M3.5.0/5,M10.5.0/3", 1);
     tzset();
     EXPECT_EQ(3, FileTimeToLocalSystemTime(kQuarterPastTwo).wHour);
+    // Times beyond the last SYSTEMTIME keep their UTC fields.
+    EXPECT_EQ(0, FileTimeToLocalSystemTime(0x7FFF35F4F06C8000).wHour);
     setenv("TZ", saved.c_str(), 1);
     if (saved.empty()) {
         unsetenv("TZ");
