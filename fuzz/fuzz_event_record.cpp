@@ -101,7 +101,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     record.UserData = (options & 0x20) != 0 ? nullptr : record.UserData;
     try {
         logonmon::EventRecordData event(record);
-        std::wstring text = event.MessageText();
+        std::wstring text;
+        event.AssignMessageText(text);
         char prefix[logonmon::EventRecordData::kLogPrefixSize];
         const std::string line =
             std::string(prefix, event.PutLogPrefix(prefix)) + event.LevelName();

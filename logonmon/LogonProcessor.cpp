@@ -282,8 +282,10 @@ void LogonProcessor::RouteEvent(EventRecordData& record) {
 }
 
 void LogonProcessor::LogEventAsString(EventRecordData& record) {
-    LogFormatted(kLevelVerbose, L"logonmon::LogonProcessor::LogEventAsString", "%ws",
-                 record.MessageText().c_str());
+    // Kept per thread: every event is written this way.
+    thread_local std::wstring text;
+    record.AssignMessageText(text);
+    LogFormatted(kLevelVerbose, L"logonmon::LogonProcessor::LogEventAsString", "%ws", text.c_str());
 }
 
 void LogonProcessor::UpdateTimer(std::unique_lock<std::recursive_mutex>& lock) {

@@ -85,10 +85,10 @@ void ReadProperties(EventRecordData& data, const EVENT_RECORD& record, TdhApi& t
     data.propertyNames = schema.propertyNames;
 }
 
-std::wstring ExpandMessageTemplate(EventRecordData& data) {
-    std::wstring text;
+void ExpandMessageTemplate(EventRecordData& data, std::wstring& text) {
+    text.clear();
     if (data.schema == nullptr || data.message == nullptr) {
-        return text;
+        return;
     }
     const std::wstring pattern = TextAt(data.message);
     for (size_t i = 0; i < pattern.size(); ++i) {
@@ -127,7 +127,6 @@ std::wstring ExpandMessageTemplate(EventRecordData& data) {
         }
         i = end - 1;
     }
-    return text;
 }
 
 // Printable ASCII is printable in every locale: the locale is asked only
@@ -139,13 +138,13 @@ bool IsPrintable(wchar_t c) {
 // The opcode's name, then the task's, the event's "name" and every other
 // property with its value. Built in one string: every event of a replayed
 // trace is written this way.
-std::wstring DescriptionFromNames(const EventRecordData& data) {
+void DescriptionFromNames(const EventRecordData& data, std::wstring& text) {
     // Room for every part and separator, then written in place.
     size_t size = data.opcodeName.size() + data.taskName.size() + 16;
     for (const auto& [key, value] : data.properties) {
         size += key.size() + value.size() + 4;
     }
-    std::wstring text(size, L'\0');
+    text.resize(size);
     wchar_t* const begin = text.data();
     wchar_t* out = begin;
     const auto put = [&out](std::wstring_view part) {
@@ -187,7 +186,6 @@ std::wstring DescriptionFromNames(const EventRecordData& data) {
         }
     }
     text.resize(static_cast<size_t>(out - begin));
-    return text;
 }
 
 }  // namespace
@@ -350,9 +348,11 @@ char* EventRecordData::PutLogPrefix(char* out) const {
         out, session < 0 ? 0u - static_cast<uint32_t>(session) : static_cast<uint32_t>(session));
 }
 
-std::wstring EventRecordData::MessageText() {
-    std::wstring text = ExpandMessageTemplate(*this);
-    return text.empty() ? DescriptionFromNames(*this) : text;
+void EventRecordData::AssignMessageText(std::wstring& text) {
+    ExpandMessageTemplate(*this, text);
+    if (text.empty()) {
+        DescriptionFromNames(*this, text);
+    }
 }
 
 }  // namespace logonmon

@@ -108,8 +108,9 @@ class EventRecordData {
     // at `out`, which has room for kLogPrefixSize; returns the end.
     static constexpr size_t kLogPrefixSize = 32;
     char* PutLogPrefix(char* out) const;
-    // The message template with its inserts, or text built from the names.
-    std::wstring MessageText();
+    // The message template with its inserts, or text built from the names,
+    // into `text`, reusing its storage.
+    void AssignMessageText(std::wstring& text);
 
     EventLineFields LineFields() const;
 
