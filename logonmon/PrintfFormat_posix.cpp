@@ -53,7 +53,7 @@ class Output {
         ++length_;
     }
     void Fill(char c, size_t count) {
-        if (length_ < capacity_) {
+        if (count != 0 && length_ < capacity_) {
             std::memset(buffer_ + length_, c, std::min(count, capacity_ - length_));
         }
         length_ += count;

@@ -218,7 +218,9 @@ char* PutDigits(char* out, Unsigned value, int width) {
             *--at = static_cast<char>('0' + value);
         }
     }
-    std::fill(out, at, '0');
+    while (at != out) {
+        *--at = '0';
+    }
     return end;
 }
 
